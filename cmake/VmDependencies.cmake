@@ -1,0 +1,28 @@
+# Every external library, found once. The Debian packages that provide them are listed in
+# scripts/install-deps.sh.
+
+set(THREADS_PREFER_PTHREAD_FLAG ON)
+find_package(Threads REQUIRED)
+find_package(PkgConfig REQUIRED)
+find_package(CURL REQUIRED)
+find_package(OpenSSL REQUIRED)
+find_package(SQLite3 REQUIRED)
+find_package(nlohmann_json 3.10 REQUIRED)
+find_package(fmt REQUIRED)
+find_package(spdlog REQUIRED)
+find_package(Boost 1.74 REQUIRED)
+find_package(CLI11 REQUIRED)
+pkg_check_modules(PLIST REQUIRED IMPORTED_TARGET libplist-2.0)
+pkg_check_modules(UUID REQUIRED IMPORTED_TARGET uuid)
+find_path(HTTPLIB_INCLUDE_DIR httplib.h REQUIRED)
+add_library(vm_httplib INTERFACE)
+target_include_directories(vm_httplib SYSTEM INTERFACE ${HTTPLIB_INCLUDE_DIR})
+target_compile_definitions(vm_httplib INTERFACE CPPHTTPLIB_OPENSSL_SUPPORT)
+target_link_libraries(vm_httplib INTERFACE OpenSSL::SSL OpenSSL::Crypto Threads::Threads)
+
+if(VM_BUILD_TESTS)
+  find_package(GTest REQUIRED)
+endif()
+if(VM_BUILD_BENCHMARKS)
+  find_package(benchmark REQUIRED)
+endif()

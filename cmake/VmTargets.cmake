@@ -1,0 +1,57 @@
+# The source of truth for compiler options and the shape of every target.
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+
+set(VM_WARNINGS -Wall -Wextra -Wshadow -Wnon-virtual-dtor -Wpedantic -Werror)
+
+set(VM_SANITIZE "" CACHE STRING "Sanitizers to build with: empty, address-undefined or thread")
+set_property(CACHE VM_SANITIZE PROPERTY STRINGS "" address-undefined thread)
+if(VM_SANITIZE STREQUAL "address-undefined")
+  add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=address,undefined)
+elseif(VM_SANITIZE STREQUAL "thread")
+  add_compile_options(-fsanitize=thread -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=thread)
+elseif(NOT VM_SANITIZE STREQUAL "")
+  message(FATAL_ERROR "VM_SANITIZE must be empty, address-undefined or thread")
+endif()
+
+# vm_library(NAME SOURCES ... DEPS ...)
+# One library target per folder. Public headers are included by their path from the
+# repository root ("platform/Error.h"), so the folder a header lives in is visible at
+# every use.
+function(vm_library name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;DEPS;PRIVATE_DEPS" ${ARGN})
+  add_library(${name} STATIC ${ARG_SOURCES})
+  target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR})
+  target_compile_options(${name} PRIVATE ${VM_WARNINGS})
+  target_link_libraries(${name} PUBLIC ${ARG_DEPS} PRIVATE ${ARG_PRIVATE_DEPS})
+endfunction()
+
+# vm_executable(NAME SOURCES ... DEPS ...)
+function(vm_executable name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;DEPS" ${ARGN})
+  add_executable(${name} ${ARG_SOURCES})
+  target_compile_options(${name} PRIVATE ${VM_WARNINGS})
+  target_link_libraries(${name} PRIVATE ${ARG_DEPS})
+endfunction()
+
+# vm_test(NAME SOURCES ... DEPS ... [LABELS ...])
+# One GoogleTest executable, registered with CTest as one test so that fixtures that
+# start servers start them once per executable.
+function(vm_test name)
+  cmake_parse_arguments(ARG "" "TIMEOUT" "SOURCES;DEPS;LABELS" ${ARGN})
+  add_executable(${name} ${ARG_SOURCES})
+  target_compile_options(${name} PRIVATE ${VM_WARNINGS})
+  target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR})
+  target_link_libraries(${name} PRIVATE ${ARG_DEPS} vm_test_support GTest::gtest GTest::gmock)
+  add_test(NAME ${name} COMMAND ${name})
+  if(NOT ARG_TIMEOUT)
+    set(ARG_TIMEOUT 600)
+  endif()
+  set_tests_properties(${name} PROPERTIES TIMEOUT ${ARG_TIMEOUT} LABELS "${ARG_LABELS}")
+endfunction()
