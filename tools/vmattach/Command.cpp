@@ -1,0 +1,76 @@
+#include "tools/vmattach/Command.h"
+
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstdio>
+#include <mutex>
+
+namespace vm::vmattach {
+
+std::filesystem::path DataDirectory(const GlobalOptions& options) {
+  if (!options.data_dir.empty()) return options.data_dir;
+  if (const char* xdg = std::getenv("XDG_DATA_HOME"); xdg && *xdg) {
+    return std::filesystem::path(xdg) / "vmattach";
+  }
+  const char* home = std::getenv("HOME");
+  return std::filesystem::path(home ? home : ".") / ".local" / "share" / "vmattach";
+}
+
+void SetCommandBody(CLI::App* command, int* exit_code, CommandBody body) {
+  command->callback([exit_code, body = std::move(body)] { *exit_code = body(); });
+}
+
+int ReportFailure(const Error& error) {
+  fmt::print(stderr, "vmattach: {} ({} {})\n", error.localizedDescription(), error.domain(),
+             error.code());
+  return 1;
+}
+
+int ReportFailure(const ErrorRef& error) {
+  if (!error) return ReportFailure(std::string("failed with no error"));
+  return ReportFailure(*error);
+}
+
+int ReportFailure(const std::string& message) {
+  fmt::print(stderr, "vmattach: {}\n", message);
+  return 1;
+}
+
+bool StderrIsTerminal() { return isatty(STDERR_FILENO) == 1; }
+
+struct ProgressBar::State {
+  std::mutex mu;
+  std::string label;
+  bool enabled = false;
+  bool drawn = false;
+};
+
+ProgressBar::ProgressBar(std::string label) : state_(std::make_unique<State>()) {
+  state_->label = std::move(label);
+  state_->enabled = StderrIsTerminal();
+}
+
+ProgressBar::~ProgressBar() { finish(); }
+
+void ProgressBar::update(std::int64_t done, std::int64_t total) {
+  std::lock_guard lock(state_->mu);
+  if (!state_->enabled) return;
+  constexpr int kWidth = 30;
+  double fraction = total > 0 ? static_cast<double>(done) / static_cast<double>(total) : 0.0;
+  if (fraction > 1.0) fraction = 1.0;
+  int filled = static_cast<int>(fraction * kWidth);
+  fmt::print(stderr, "\r{} [{}{}] {:3.0f}%  {:.1f} / {:.1f} MiB", state_->label,
+             std::string(filled, '#'), std::string(kWidth - filled, '.'), fraction * 100.0,
+             static_cast<double>(done) / 1048576.0, static_cast<double>(total) / 1048576.0);
+  state_->drawn = true;
+}
+
+void ProgressBar::finish() {
+  std::lock_guard lock(state_->mu);
+  if (state_->drawn) fmt::print(stderr, "\n");
+  state_->drawn = false;
+}
+
+}  // namespace vm::vmattach

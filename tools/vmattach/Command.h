@@ -1,0 +1,57 @@
+#ifndef VM_TOOLS_VMATTACH_COMMAND_H_
+#define VM_TOOLS_VMATTACH_COMMAND_H_
+
+#include <CLI/CLI.hpp>
+
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "platform/Error.h"
+
+namespace vm::vmattach {
+
+// Options every command accepts, filled by the top-level parser before a command runs.
+struct GlobalOptions {
+  std::string data_dir;  // empty: $XDG_DATA_HOME/vmattach (or ~/.local/share/vmattach)
+  bool json = false;     // print machine-readable JSON on stdout instead of text
+};
+
+// The data folder the options name, with the default applied.
+std::filesystem::path DataDirectory(const GlobalOptions& options);
+
+// Shared by the command modules: what the running command ends with.
+// A command's callback returns the process exit code: 0 success, 1 failure.
+using CommandBody = std::function<int()>;
+
+// Registers `body` as the callback of `command`; the exit code lands in `*exit_code`.
+void SetCommandBody(CLI::App* command, int* exit_code, CommandBody body);
+
+// Prints the one-line failure form on stderr: "vmattach: <description> (<domain> <code>)",
+// and returns 1.
+int ReportFailure(const Error& error);
+int ReportFailure(const ErrorRef& error);
+// For failures that have no Error: "vmattach: <message>", returns 1.
+int ReportFailure(const std::string& message);
+
+// Whether stderr is a terminal (progress bars are drawn only then).
+bool StderrIsTerminal();
+
+// Draws "[#####.....]  42%  1.2 MiB / 2.9 MiB" on stderr, rewriting the line; finish()
+// ends the line. Does nothing when stderr is not a terminal. Thread-safe.
+class ProgressBar {
+ public:
+  explicit ProgressBar(std::string label);
+  ~ProgressBar();
+  void update(std::int64_t done, std::int64_t total);
+  void finish();
+
+ private:
+  struct State;
+  std::unique_ptr<State> state_;
+};
+
+}  // namespace vm::vmattach
+
+#endif  // VM_TOOLS_VMATTACH_COMMAND_H_
