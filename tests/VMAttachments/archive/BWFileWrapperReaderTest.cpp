@@ -1,0 +1,240 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <string>
+
+#include "VMAttachments/archive/BWFileWrapper.h"
+#include "VMAttachments/archive/BWFileWrapperReader.h"
+#include "VMAttachments/archive/VMArchiver.h"
+#include "tests/VMAttachments/archive/ArchiveBytes.h"
+#include "tests/support/TempDir.h"
+
+namespace vm {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::ArchiveBytes;
+using testing::ReadFile;
+using testing::TempDir;
+using testing::WriteFile;
+
+constexpr char kRegular[] = R"("type":"NSFileTypeRegular")";
+constexpr char kDirectory[] = R"("type":"NSFileTypeDirectory")";
+
+std::string Info(const std::string& path, const char* type) {
+  return R"({"path":")" + path + R"(",)" + type + "}";
+}
+
+struct Outcome {
+  std::int32_t result;
+  ErrorRef error;
+};
+
+// Unpacks `bytes` into `destination`. The error starts as a sentinel object, so a test
+// can tell "no error written" from "an error written".
+Outcome Unpack(const TempDir& temp, const std::string& bytes, const fs::path& destination,
+               const ErrorRef& sentinel) {
+  WriteFile(temp / "archive", bytes);
+  fs::create_directories(destination);
+  Outcome outcome{0, sentinel};
+  outcome.result =
+      VMArchiver::unpackFilesFromArchive(temp / "archive", destination, &outcome.error);
+  return outcome;
+}
+
+mode_t DefaultFileMode() {
+  mode_t mask = ::umask(0);
+  ::umask(mask);
+  return 0666 & ~mask;
+}
+
+// Every shape of entry the format allows, written byte by byte: escaped slashes, another
+// key order and spacing, entries without "path", a symbolic link, data longer than one
+// copy buffer and empty data.
+ArchiveBytes SampleArchive(std::size_t big_size = 3 * 8192 + 17) {
+  ArchiveBytes archive;
+  archive.magic().boundary();
+  archive.info(R"({"path":"docs","type":"NSFileTypeDirectory","permission":493})").boundary();
+  archive.info(R"({"path":"docs\/a.txt","type":"NSFileTypeRegular","permission":493})")
+      .data("hello")
+      .boundary();
+  archive.info(R"({ "permission" : 420 , "type" : "NSFileTypeRegular", "path" : "docs/big" })")
+      .data(std::string(big_size, 'b'))
+      .boundary();
+  archive.info(R"({"type":"NSFileTypeRegular","permission":420})").data("first").boundary();
+  archive.info(R"({"type":"NSFileTypeDirectory"})").boundary();
+  archive.info(R"({"type":"NSFileTypeRegular"})").data("").boundary();
+  archive.info(R"({"path":"docs/link","type":"NSFileTypeSymbolicLink","permission":511})")
+      .boundary();
+  return archive;
+}
+
+TEST(BWFileWrapperReaderTest, ExtractsHandWrittenArchive) {
+  TempDir temp;
+  const fs::path dest = temp / "dest";
+  Outcome outcome = Unpack(temp, SampleArchive().bytes(), dest, nullptr);
+  ASSERT_EQ(outcome.result, 2) << (outcome.error ? outcome.error->summary() : "");
+  EXPECT_EQ(ReadFile(dest / "docs/a.txt"), "hello");
+  EXPECT_EQ(ReadFile(dest / "docs/big"), std::string(3 * 8192 + 17, 'b'));
+  EXPECT_EQ(ReadFile(dest / "0.recovered"), "first");
+  EXPECT_TRUE(fs::is_regular_file(dest / "1.recovered"));
+  EXPECT_EQ(fs::file_size(dest / "1.recovered"), 0u);
+  EXPECT_FALSE(fs::exists(fs::symlink_status(dest / "docs/link")));
+  // The recorded permission (493) is deliberately not applied.
+  struct stat st;
+  ASSERT_EQ(::stat((dest / "docs/a.txt").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, DefaultFileMode());
+
+  // The reader never rewinds: a second pass finds the end at once.
+  auto reader = BWFileWrapperReader::initWithURL(temp / "archive", nullptr);
+  ASSERT_TRUE(reader);
+  fs::create_directory(temp / "again");
+  EXPECT_EQ(reader->unarchiveFilesTo(temp / "again", nullptr), 2);
+  EXPECT_EQ(reader->unarchiveFilesTo(temp / "again", nullptr), 1);
+}
+
+TEST(BWFileWrapperReaderTest, FailuresReportTheirDomainAndCode) {
+  const std::string big_info = ArchiveBytes().magic().u64(std::uint64_t{1} << 62).raw("{}").bytes();
+  struct Case {
+    const char* name;
+    std::string archive;
+    std::int32_t result;
+    std::optional<std::string_view> domain;  // nullopt: the error is left untouched
+    std::int64_t code;
+  };
+  const Case cases[] = {
+      {"magic only", ArchiveBytes().magic().bytes(), 1, std::nullopt, 0},
+      {"empty file", "", 0, NSPOSIXErrorDomain, 0},
+      {"shorter than the magic", "BWFILE", 0, NSPOSIXErrorDomain, 0},
+      {"wrong magic", "BWFILEWRAPPER2", 0, BWFileWrapperErrorDomain, 1},
+      {"info length past the end", big_info, 0, NSPOSIXErrorDomain, 0},
+      {"info length of 2^64-1", ArchiveBytes().magic().u64(~std::uint64_t{0}).bytes(), 0,
+       NSPOSIXErrorDomain, 0},
+      {"data length past the end",
+       ArchiveBytes().magic().info(Info("f", kRegular)).u64(1000).raw("abc").bytes(), 0,
+       NSPOSIXErrorDomain, 0},
+      {"info is not JSON", ArchiveBytes().magic().info("{nope").bytes(), 0, NSCocoaErrorDomain,
+       kBWFileWrapperJSONReadError},
+      {"info is an array", ArchiveBytes().magic().info("[1,2]").bytes(), 0, NSCocoaErrorDomain,
+       kBWFileWrapperJSONReadError},
+      {"path is a number", ArchiveBytes().magic().info(R"({"path":5})").bytes(), 0,
+       NSCocoaErrorDomain, kBWFileWrapperJSONReadError},
+      {"file in a folder with no entry",
+       ArchiveBytes().magic().info(Info("missing/f", kRegular)).data("x").bytes(), 0, std::nullopt,
+       0},
+      {"directory where a file is",
+       ArchiveBytes()
+           .magic()
+           .info(Info("f", kRegular))
+           .data("x")
+           .info(Info("f", kDirectory))
+           .bytes(),
+       0, NSPOSIXErrorDomain, EEXIST},
+      {"symbolic link only",
+       ArchiveBytes().magic().info(R"({"path":"l","type":"NSFileTypeSymbolicLink"})").bytes(), 1,
+       std::nullopt, 0},
+      {"directory without path", ArchiveBytes().magic().info(R"({"type":"x"})").bytes(), 2,
+       std::nullopt, 0},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    TempDir temp;
+    const ErrorRef sentinel = Error::Make("sentinel", -1);
+    Outcome outcome = Unpack(temp, c.archive, temp / "dest", sentinel);
+    EXPECT_EQ(outcome.result, c.result);
+    if (!c.domain) {
+      EXPECT_EQ(outcome.error, sentinel);
+      continue;
+    }
+    ASSERT_NE(outcome.error, sentinel);
+    EXPECT_EQ(outcome.error->domain(), *c.domain);
+    EXPECT_EQ(outcome.error->code(), c.code);
+  }
+}
+
+TEST(BWFileWrapperReaderTest, RefusesPathsLeavingTheDestination) {
+  TempDir temp;
+  const fs::path absolute = temp / "absolute";
+  const std::string refused[] = {"../escaped", "a/../../escaped", "./../escaped",
+                                 absolute.string()};
+  for (const std::string& path : refused) {
+    SCOPED_TRACE(path);
+    std::string archive = ArchiveBytes().magic().info(Info(path, kRegular)).data("payload").bytes();
+    Outcome outcome = Unpack(temp, archive, temp / "dest/inner", nullptr);
+    EXPECT_EQ(outcome.result, 0);
+    ASSERT_TRUE(outcome.error);
+    EXPECT_EQ(outcome.error->domain(), BWFileWrapperErrorDomain);
+    EXPECT_EQ(outcome.error->code(), kBWFileWrapperUnsafePathError);
+    EXPECT_FALSE(fs::exists(temp / "dest/escaped"));
+    EXPECT_FALSE(fs::exists(absolute));
+  }
+  // Climbing back down inside the destination is fine.
+  std::string inside = ArchiveBytes().magic().info(Info("a/../b", kRegular)).data("x").bytes();
+  EXPECT_EQ(Unpack(temp, inside, temp / "dest/inner", nullptr).result, 0);  // a/ missing
+  fs::create_directory(temp / "dest/inner/a");
+  EXPECT_EQ(Unpack(temp, inside, temp / "dest/inner", nullptr).result, 1);
+  EXPECT_EQ(ReadFile(temp / "dest/inner/b"), "x");
+}
+
+TEST(BWFileWrapperReaderTest, ReplacesExistingFilesWithoutFollowingLinks) {
+  TempDir temp;
+  WriteFile(temp / "victim", "keep");
+  fs::create_directories(temp / "dest");
+  fs::create_symlink(temp / "victim", temp / "dest/link");
+  WriteFile(temp / "dest/plain", "old");
+  std::string archive = ArchiveBytes()
+                            .magic()
+                            .info(Info("link", kRegular))
+                            .data("new link")
+                            .info(Info("plain", kRegular))
+                            .data("new plain")
+                            .bytes();
+  EXPECT_EQ(Unpack(temp, archive, temp / "dest", nullptr).result, 1);
+  EXPECT_EQ(ReadFile(temp / "victim"), "keep");
+  EXPECT_FALSE(fs::is_symlink(temp / "dest/link"));
+  EXPECT_EQ(ReadFile(temp / "dest/link"), "new link");
+  EXPECT_EQ(ReadFile(temp / "dest/plain"), "new plain");
+}
+
+TEST(BWFileWrapperReaderTest, TruncationAtEveryByteFailsCleanly) {
+  const ArchiveBytes sample = SampleArchive(/*big_size=*/10);
+  const std::string& bytes = sample.bytes();
+  for (std::size_t cut = 0; cut < bytes.size(); ++cut) {
+    SCOPED_TRACE(cut);
+    TempDir temp;
+    Outcome outcome = Unpack(temp, bytes.substr(0, cut), temp / "dest", nullptr);
+    bool boundary = false;
+    for (std::size_t b : sample.boundaries()) boundary |= b == cut;
+    if (boundary) {
+      EXPECT_NE(outcome.result, 0);
+    } else {
+      EXPECT_EQ(outcome.result, 0);
+      ASSERT_TRUE(outcome.error);
+      EXPECT_EQ(outcome.error->domain(), NSPOSIXErrorDomain);
+    }
+  }
+}
+
+TEST(BWFileWrapperReaderTest, EnumeratesStoredInfoAsIs) {
+  TempDir temp;
+  WriteFile(temp / "archive", SampleArchive().bytes());
+  auto reader = BWFileWrapperReader::initWithURL(temp / "archive", nullptr);
+  ASSERT_TRUE(reader);
+  std::vector<BWFileWrapperReader::Entry> entries;
+  ASSERT_TRUE(reader->enumerateEntries(
+      [&](const BWFileWrapperReader::Entry& entry) { entries.push_back(entry); }, nullptr));
+  ASSERT_EQ(entries.size(), 7u);
+  EXPECT_EQ(entries[1].info,
+            R"({"path":"docs\/a.txt","type":"NSFileTypeRegular","permission":493})");
+  EXPECT_EQ(entries[1].path, "docs/a.txt");
+  EXPECT_EQ(entries[1].permission, 493);
+  EXPECT_EQ(entries[2].data_length, 3u * 8192 + 17);
+  EXPECT_FALSE(entries[3].path);
+  EXPECT_FALSE(entries[6].data_length);
+}
+
+}  // namespace
+}  // namespace vm
