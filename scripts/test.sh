@@ -16,3 +16,23 @@ for preset in $presets; do
   echo "=== $preset: test"
   ctest --preset "$preset" -j"$jobs"
 done
+
+# A short run of the archive reader's fuzz target (clang, ASan + UBSan) from the seed
+# corpus; new inputs go to a scratch folder, crashes to build/fuzz/. VM_FUZZ_SECONDS sets
+# the length (0 skips it).
+fuzz_seconds=${VM_FUZZ_SECONDS:-45}
+if [ "$fuzz_seconds" -gt 0 ]; then
+  echo "=== fuzz: archive reader, ${fuzz_seconds}s"
+  cmake --preset fuzz >/dev/null
+  cmake --build --preset fuzz -j"$jobs" --target archive_reader_fuzzer
+  fuzz_work=$(mktemp -d)
+  mkdir "$fuzz_work/corpus"
+  trap 'rm -rf "$fuzz_work"' EXIT
+  # The target unpacks into a scratch folder under TMPDIR; keep that inside fuzz_work too.
+  if ! TMPDIR="$fuzz_work" build/fuzz/fuzz/archive_reader_fuzzer -max_total_time="$fuzz_seconds" \
+    -artifact_prefix=build/fuzz/ "$fuzz_work/corpus" fuzz/corpus/archive_reader >build/fuzz/archive_reader.log 2>&1; then
+    cat build/fuzz/archive_reader.log
+    exit 1
+  fi
+  tail -n 1 build/fuzz/archive_reader.log
+fi
