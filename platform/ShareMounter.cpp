@@ -94,11 +94,18 @@ std::string MountFolderName(const Target& t) {
   return fmt::format("{}-{:08x}", name, Fnv1a(key));
 }
 
+// The last line of a program's complaint, without the timestamp rclone puts first.
 std::string LastLine(const std::string& text) {
   std::string trimmed = text;
   while (!trimmed.empty() && (trimmed.back() == '\n' || trimmed.back() == '\r')) trimmed.pop_back();
   size_t newline = trimmed.rfind('\n');
-  return newline == std::string::npos ? trimmed : trimmed.substr(newline + 1);
+  std::string line = newline == std::string::npos ? trimmed : trimmed.substr(newline + 1);
+  // "2024/05/01 12:00:00 " is 20 characters.
+  if (line.size() > 20 && line[4] == '/' && line[7] == '/' && line[13] == ':' && line[16] == ':' &&
+      line[19] == ' ') {
+    line.erase(0, 20);
+  }
+  return line;
 }
 
 // rclone says why in words; callers get an errno value.
@@ -155,6 +162,7 @@ int MountWithRclone(const Target& t, const std::optional<std::string>& password,
     std::string value = obscured.out;
     while (!value.empty() && std::isspace(static_cast<unsigned char>(value.back())))
       value.pop_back();
+    value.erase(0, std::min(value.size(), value.find_first_not_of(" \t\r\n")));
     if (!obscured.succeeded() || value.empty()) {
       MounterLog().error("mounting {} failed: rclone could not prepare the password", t.display);
       return EIO;

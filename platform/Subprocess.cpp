@@ -185,13 +185,20 @@ std::unique_ptr<ChildProcess> ChildProcess::Start(
   posix_spawn_file_actions_addopen(&actions, 1, output_file.c_str(), O_WRONLY | O_CREAT | O_APPEND,
                                    0644);
   posix_spawn_file_actions_adddup2(&actions, 1, 2);
+  // A process group of its own: some servers signal their whole group when they stop,
+  // which must not reach this process.
+  posix_spawnattr_t attributes;
+  posix_spawnattr_init(&attributes);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP);
+  posix_spawnattr_setpgroup(&attributes, 0);
   std::vector<std::string> args = argv;
   std::vector<std::string> env = MergedEnvironment(environment);
   std::vector<char*> c_args = CStrings(args);
   std::vector<char*> c_env = CStrings(env);
   pid_t pid = -1;
-  int spawned = posix_spawnp(&pid, c_args[0], &actions, nullptr, c_args.data(), c_env.data());
+  int spawned = posix_spawnp(&pid, c_args[0], &actions, &attributes, c_args.data(), c_env.data());
   posix_spawn_file_actions_destroy(&actions);
+  posix_spawnattr_destroy(&attributes);
   if (spawned != 0) {
     Fail(error, PosixError(spawned, argv[0]));
     return nullptr;

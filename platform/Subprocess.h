@@ -42,8 +42,9 @@ struct ProcessResult {
 // itself has exited. Thread-safe; blocks the calling thread for at most the timeout.
 ProcessResult RunProcess(const std::vector<std::string>& argv, const ProcessOptions& options = {});
 
-// A long-running child (a server) whose standard output and error go to a file.
-// Not thread-safe; the object owns the child and stops it when destroyed.
+// A long-running child (a server) whose standard output and error go to a file. The child
+// runs in a process group of its own. Not thread-safe; the object owns the child and stops it when
+// destroyed.
 class ChildProcess {
  public:
   // Null on failure, with the reason in *error.
