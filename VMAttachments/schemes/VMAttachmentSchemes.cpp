@@ -1,5 +1,6 @@
 #include "VMAttachments/schemes/VMAttachmentSchemes.h"
 
+#include "VMAttachments/schemes/ShareSchemes.h"
 #include "VMAttachments/schemes/VMFileReferenceAttachment.h"
 
 namespace vm {
@@ -20,6 +21,7 @@ void RegisterVMAttachmentsSchemeClasses() {
   HXSchemeHandlerRegistry& registry = HXSchemeHandlerRegistry::shared();
   registry.registerClass(ClassInfoFor<VMFileReferenceAttachment>());
   registry.registerClass(ClassInfoFor<VMLocalFileReferenceScheme>());
+  RegisterShareSchemeClasses();
 }
 
 }  // namespace vm

@@ -5,6 +5,9 @@
 #include <iostream>
 #include <nlohmann/json.hpp>
 
+#include "VMAttachments/schemes/ShareSchemes.h"
+#include "VMAttachments/schemes/VMAFPAttachment.h"
+#include "VMAttachments/schemes/VMArchiverAttachment.h"
 #include "VMAttachments/schemes/VMFileReferenceAttachment.h"
 #include "VMAttachments/telemetry/AttachmentTelemetry.h"
 #include "host/HXAttachmentCache.h"
@@ -75,6 +78,13 @@ int RunSchemeAdd(const GlobalOptions& options, const SchemeOptions& scheme_optio
   if (class_name.empty()) {
     return ReportFailure(fmt::format("unknown scheme type \"{}\"", scheme_options.type));
   }
+  bool share = scheme_options.type == "afp" || scheme_options.type == "archiver";
+  if (scheme_options.type == "afp" && scheme_options.server.empty()) {
+    return ReportFailure("an afp scheme needs --server URL");
+  }
+  if (scheme_options.type == "archiver" && scheme_options.folder.empty()) {
+    return ReportFailure("an archiver scheme needs --folder PATH");
+  }
   ErrorRef error;
   auto context = OpenHost(options, &error);
   if (!context) return ReportFailure(error);
@@ -82,6 +92,14 @@ int RunSchemeAdd(const GlobalOptions& options, const SchemeOptions& scheme_optio
     return ReportFailure(fmt::format("a scheme named \"{}\" exists already", scheme_options.name));
   }
   auto scheme = context->insertScheme(scheme_options.name, class_name);
+  if (share) {
+    // The folder is kept absolute: lookups also try it below /Volumes, which needs a
+    // leading "/".
+    std::string folder = scheme_options.folder;
+    if (!folder.empty()) folder = std::filesystem::absolute(folder).lexically_normal().string();
+    scheme->setInfoData(MakeShareSettingsInfoData(scheme_options.server, scheme_options.user,
+                                                  scheme_options.password, folder));
+  }
   if (scheme_options.type == "cloud") {
     if (!scheme_options.api.empty() &&
         !context->setSetting("velmoraAPI", scheme_options.api, &error)) {
@@ -169,6 +187,10 @@ int RunStore(const GlobalOptions& options, const AttachmentOptions& store) {
       return ReportFailure("the store did not finish in time");
     }
     if (!delegate->finished()) return ReportFailure(delegate->error());
+  }
+  if (handler->className() == VMArchiverAttachment::kClassName) {
+    // The archiver finds an attachment by its path relative to the storage folder.
+    attachment->setAttachmentPath(AppendPathComponent(relative, attachment->name()).string());
   }
   // Only a stored attachment is written: a failed store leaves the database as it was.
   if (!context->saveChanges(&error)) return ReportFailure(error);
@@ -300,7 +322,9 @@ void AddCoreCommands(CLI::App& app, const GlobalOptions& options, int* exit_code
       ->check(CLI::IsMember({"reference", "afp", "archiver", "cloud"}));
   add->add_option("--server", scheme_options->server, "Share URL (afp, archiver)");
   add->add_option("--user", scheme_options->user, "Share user name");
-  add->add_option("--password", scheme_options->password, "Share password");
+  add->add_option("--password", scheme_options->password,
+                  "Share password (or set VMATTACH_SHARE_PASSWORD, which stays out of ps)")
+      ->envname("VMATTACH_SHARE_PASSWORD");
   add->add_option("--folder", scheme_options->folder, "Storage folder (archiver)");
   add->add_option("--api", scheme_options->api, "Attachment service base URL (cloud)");
   add->add_option("--token", scheme_options->token, "Attachment service token (cloud)");
