@@ -2,7 +2,10 @@
 
 #include <fmt/format.h>
 #include <httplib.h>
+#include <sys/socket.h>
 
+#include <cerrno>
+#include <cstring>
 #include <nlohmann/json.hpp>
 #include <thread>
 
@@ -423,6 +426,14 @@ bool AttachmentService::Impl::start(ErrorRef* error) {
   }
   installRoutes();
 
+  // cpp-httplib listens with a backlog of 5; a burst of clients beyond that gets its
+  // handshakes dropped and its requests lost. Listening again on the bound socket raises
+  // the backlog, so the socket is kept when it is made.
+  int listen_fd = -1;
+  server_->set_socket_options([&listen_fd](socket_t socket) {
+    httplib::default_socket_options(socket);
+    listen_fd = socket;
+  });
   if (options_.port == 0) {
     port_ = server_->bind_to_any_port(options_.host);
   } else {
@@ -433,6 +444,9 @@ bool AttachmentService::Impl::start(ErrorRef* error) {
     return Fail(error, CloudServiceError(
                            kVMCloudServiceListenFailed,
                            fmt::format("Cannot listen on {}:{}", options_.host, options_.port)));
+  }
+  if (listen_fd >= 0 && ::listen(listen_fd, SOMAXCONN) != 0) {
+    ServiceLog().error("cannot raise the listen backlog: {}", std::strerror(errno));
   }
   base_url_ = fmt::format("{}://{}:{}", tls ? "https" : "http", HostForURL(options_.host), port_);
   if (embedded_ != nullptr) {

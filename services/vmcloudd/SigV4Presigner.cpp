@@ -91,7 +91,10 @@ std::optional<SigV4Presigner> SigV4Presigner::Make(const S3Settings& settings, E
   }
   std::string path = UrlPart(url.get(), CURLUPART_PATH).value_or("");
   while (!path.empty() && path.back() == '/') path.pop_back();
-  if (settings.path_style) path += "/" + UriEncode(settings.bucket, false);
+  if (settings.path_style) {
+    path.push_back('/');
+    path.append(UriEncode(settings.bucket, false));
+  }
   presigner.path_prefix_ = path;
   presigner.region_ = settings.region;
   presigner.access_key_ = settings.access_key;

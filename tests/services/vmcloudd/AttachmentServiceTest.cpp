@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <barrier>
 #include <filesystem>
 #include <thread>
 
@@ -255,12 +256,15 @@ TEST_F(EmbeddedServiceTest, RestartKeepsRecordsAndURLs) {
 }
 
 TEST_F(EmbeddedServiceTest, ConcurrentCyclesKeepTheirOwnBytes) {
-  constexpr int kThreads = 8;
-  constexpr int kCyclesPerThread = 4;
+  // Enough clients arriving at once to overflow a small listen backlog.
+  constexpr int kThreads = 64;
+  constexpr int kCyclesPerThread = 2;
   std::atomic<int> failures{0};
+  std::barrier start(kThreads);
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([&, t] {
+      start.arrive_and_wait();
       for (int i = 0; i < kCyclesPerThread; ++i) {
         const std::string bytes = TestBytes(1000 + t * 37 + i, t * 100 + i);
         HttpReply started = api_.start(bytes.size());
