@@ -123,6 +123,7 @@ class AttachmentService::Impl {
   std::unique_ptr<httplib::Server> server_;
   std::thread serving_;
   int port_ = 0;
+  int listen_fd_ = -1;  // owned by server_
   std::string base_url_;
 
  private:
@@ -429,10 +430,9 @@ bool AttachmentService::Impl::start(ErrorRef* error) {
   // cpp-httplib listens with a backlog of 5; a burst of clients beyond that gets its
   // handshakes dropped and its requests lost. Listening again on the bound socket raises
   // the backlog, so the socket is kept when it is made.
-  int listen_fd = -1;
-  server_->set_socket_options([&listen_fd](socket_t socket) {
+  server_->set_socket_options([this](socket_t socket) {
     httplib::default_socket_options(socket);
-    listen_fd = socket;
+    listen_fd_ = socket;
   });
   if (options_.port == 0) {
     port_ = server_->bind_to_any_port(options_.host);
@@ -445,7 +445,7 @@ bool AttachmentService::Impl::start(ErrorRef* error) {
                            kVMCloudServiceListenFailed,
                            fmt::format("Cannot listen on {}:{}", options_.host, options_.port)));
   }
-  if (listen_fd >= 0 && ::listen(listen_fd, SOMAXCONN) != 0) {
+  if (listen_fd_ >= 0 && ::listen(listen_fd_, SOMAXCONN) != 0) {
     ServiceLog().error("cannot raise the listen backlog: {}", std::strerror(errno));
   }
   base_url_ = fmt::format("{}://{}:{}", tls ? "https" : "http", HostForURL(options_.host), port_);

@@ -18,8 +18,8 @@ struct HttpReply {
 
 using HttpHeaders = std::vector<std::pair<std::string, std::string>>;
 
-// One request to an absolute http URL, sent as given (no re-encoding), on its own
-// connection. A body is sent for PUT and POST only.
+// One request to an absolute http or https URL (certificates are not verified), sent as
+// given (no re-encoding), on its own connection. A body is sent for PUT and POST only.
 HttpReply Send(std::string_view method, const std::string& url, const std::string& body = {},
                const HttpHeaders& headers = {});
 

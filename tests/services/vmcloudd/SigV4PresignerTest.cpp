@@ -42,20 +42,14 @@ TEST(SigV4PresignerTest, AddressesPathStyleBucketsAndEncodesKeys) {
   std::string url = presigner->presign("PUT", "a b+c", std::chrono::seconds(60), May24th2013());
   EXPECT_EQ(url.substr(0, url.find('?')), "http://127.0.0.1:9000/examplebucket/att/a%20b%2Bc");
 
-  settings.endpoint = "https://s3.example.com:443";
-  EXPECT_EQ(SigV4Presigner::Make(settings, nullptr)->hostHeader(), "s3.example.com")
-      << "a default port is not part of the signed host";
-}
-
-TEST(SigV4PresignerTest, SignaturesDependOnMethodAndExpiry) {
-  auto presigner = SigV4Presigner::Make(DocumentedExample(), nullptr);
-  auto get = presigner->presign("GET", "k", std::chrono::seconds(60), May24th2013());
-  EXPECT_NE(get, presigner->presign("PUT", "k", std::chrono::seconds(60), May24th2013()));
-  EXPECT_NE(get, presigner->presign("GET", "k", std::chrono::seconds(61), May24th2013()));
   EXPECT_NE(presigner->presign("GET", "k", std::chrono::hours(24 * 30), May24th2013())
                 .find("X-Amz-Expires=604800"),
             std::string::npos)
       << "expiry is clamped to the seven days S3 allows";
+
+  settings.endpoint = "https://s3.example.com:443";
+  EXPECT_EQ(SigV4Presigner::Make(settings, nullptr)->hostHeader(), "s3.example.com")
+      << "a default port is not part of the signed host";
 }
 
 TEST(SigV4PresignerTest, RefusesUnusableSettings) {
