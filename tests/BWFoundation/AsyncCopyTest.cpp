@@ -126,12 +126,5 @@ TEST(AsyncCopyTest, RefusesToStartWhenSourceOrDestinationIsUnusable) {
   EXPECT_EQ(ReadFile(dir / "full" / "keep.txt"), "keep");
 }
 
-TEST(AsyncCopyTest, LocalPathOfASharedLocationIsItsPathWhileItExists) {
-  TempDir dir;
-  EXPECT_EQ(bwLocalPathForSharepointFile(dir.path()), dir.path());
-  EXPECT_EQ(bwLocalPathForSharepointFile(dir / "missing"), std::nullopt);
-  EXPECT_EQ(bwLocalPathForSharepointFile(""), std::nullopt);
-}
-
 }  // namespace
 }  // namespace vm
