@@ -35,4 +35,15 @@ if vmattach retrieve "$id" --to "$demo/retrieved"; then
   exit 1
 fi
 echo
+echo "A storage-folder scheme copies the file into its folder and back:"
+printf 'Minutes of the meeting\n' >"$demo/files/minutes.txt"
+say scheme add archive --type archiver --folder "$demo/storage"
+id=$(vmattach store "$demo/files/minutes.txt" --scheme archive)
+printf '\n$ vmattach store %s --scheme archive\n%s\n' "$demo/files/minutes.txt" "$id"
+say url "$id"
+say retrieve "$id" --to "$demo/retrieved"
+cmp "$demo/files/minutes.txt" "$demo/retrieved/minutes.txt"
+echo "retrieved copy is identical"
+
+echo
 echo "demo finished"
