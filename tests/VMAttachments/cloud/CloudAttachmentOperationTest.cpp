@@ -400,6 +400,9 @@ TEST_F(CloudAttachmentOperationTest, UploadFailures) {
     if (c.uuid_set) {
       EXPECT_EQ(op->attachmentUUID(), CloudTestService::kUUID);
     }
+    // fail() logs right after the state change, possibly on another thread.
+    EXPECT_TRUE(MainQueue::shared().runUntilCondition([&] { return log.contains("Error set: "); },
+                                                      std::chrono::steady_clock::now() + 5s));
     if (c.log_line) {
       EXPECT_TRUE(log.contains(c.log_line)) << c.log_line;
     }
