@@ -91,6 +91,8 @@ LoopbackServer::LoopbackServer() : impl_(std::make_unique<Impl>()) {
   };
   // Short keep-alive, so that stopping does not wait long for idle client connections.
   impl_->server.set_keep_alive_timeout(1);
+  // Without it, a reply written as headers then body waits for the client's delayed ACK.
+  impl_->server.set_tcp_nodelay(true);
   impl_->server.Get(".*", handler);
   impl_->server.Post(".*", handler);
   impl_->server.Put(".*", handler);
