@@ -3,6 +3,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "tools/vmattach/CloudCommand.h"
 #include "tools/vmattach/Command.h"
 #include "tools/vmattach/CoreCommands.h"
 
@@ -18,6 +19,7 @@ int main(int argc, char** argv) {
 
   int exit_code = 0;
   AddCoreCommands(app, options, &exit_code);
+  AddCloudCommands(app, options, &exit_code);
   CLI11_PARSE(app, argc, argv);
   return exit_code;
 }
