@@ -4,13 +4,13 @@
 
 #include <chrono>
 #include <cstdlib>
-#include <fstream>
 #include <iostream>
 #include <mutex>
 #include <nlohmann/json.hpp>
 
 #include "BWFoundation/ServerEnvironment.h"
 #include "VMAttachments/CloudAttachmentOperation.h"
+#include "host/sqlite/SqliteObjectContext.h"
 #include "platform/DispatchQueue.h"
 #include "platform/Operation.h"
 #include "platform/UniqueID.h"
@@ -31,29 +31,25 @@ const char* Env(const char* name) {
   return value && *value ? value : nullptr;
 }
 
-// --api, else $VELMORA_API, else "velmoraAPI" in the data folder's settings.json.
+// A setting of the data folder ("velmoraAPI", "cloudToken", as `scheme add --type cloud`
+// stores them), when the folder exists; the folder is never created just to look.
+std::string DataFolderSetting(const GlobalOptions& options, const std::string& key) {
+  std::error_code ignored;
+  if (!std::filesystem::exists(DataDirectory(options) / "attachments.sqlite", ignored)) return {};
+  auto context = SqliteObjectContext::open(DataDirectory(options), nullptr);
+  return context ? context->setting(key).value_or("") : "";
+}
+
+// --api, else $VELMORA_API, else the data folder's "velmoraAPI".
 std::optional<URL> ServiceAddress(const GlobalOptions& options, const CloudOptions& cloud,
                                   std::string* problem) {
   std::string text = cloud.api;
   if (text.empty() && Env("VELMORA_API")) text = Env("VELMORA_API");
-  std::filesystem::path settings = DataDirectory(options) / "settings.json";
+  if (text.empty()) text = DataFolderSetting(options, "velmoraAPI");
   if (text.empty()) {
-    std::ifstream in(settings);
-    if (in) {
-      nlohmann::json parsed = nlohmann::json::parse(in, nullptr, /*allow_exceptions=*/false);
-      if (parsed.is_discarded() || !parsed.is_object()) {
-        *problem = fmt::format("{} is not a JSON object", settings.string());
-        return std::nullopt;
-      }
-      if (auto it = parsed.find("velmoraAPI"); it != parsed.end() && it->is_string()) {
-        text = it->get<std::string>();
-      }
-    }
-  }
-  if (text.empty()) {
-    *problem = fmt::format(
-        "no attachment service address: pass --api, set VELMORA_API, or set \"velmoraAPI\" in {}",
-        settings.string());
+    *problem =
+        "no attachment service address: pass --api, set VELMORA_API, or add a cloud scheme "
+        "with --api";
     return std::nullopt;
   }
   std::optional<URL> url = URL::URLWithString(text);
@@ -65,14 +61,16 @@ std::optional<URL> ServiceAddress(const GlobalOptions& options, const CloudOptio
 }
 
 // Everything a command needs before it can make an operation, or a failure message.
+// The token: --token, else $VELMORA_TOKEN, else the data folder's "cloudToken".
 std::optional<AuthToken> Prepare(const GlobalOptions& options, const CloudOptions& cloud,
                                  std::string* problem) {
   std::optional<URL> api = ServiceAddress(options, cloud, problem);
   if (!api) return std::nullopt;
   std::string token = cloud.token;
   if (token.empty() && Env("VELMORA_TOKEN")) token = Env("VELMORA_TOKEN");
+  if (token.empty()) token = DataFolderSetting(options, "cloudToken");
   if (token.empty()) {
-    *problem = "no token: pass --token or set VELMORA_TOKEN";
+    *problem = "no token: pass --token, set VELMORA_TOKEN, or add a cloud scheme with --token";
     return std::nullopt;
   }
   ServerEnvironment::setCurrent(ServerEnvironment(*api));

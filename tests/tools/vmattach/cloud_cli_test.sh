@@ -35,9 +35,10 @@ check "a deleted attachment cannot be downloaded" \
   test "$("$vmattach" cloud download "$uuid" "$work/gone" "${api[@]}" 2>/dev/null; echo $?)" -ne 0
 "$vmattach" cloud upload "$work/file" --api "http://127.0.0.1:$port" --token wrong 2>"$work/err"
 check "a refused token exits non-zero with an error" grep -q 'vmattach: .*(' "$work/err"
-echo '{"velmoraAPI": "http://127.0.0.1:'"$port"'"}' >"$work/settings.json"
-check "the data folder's settings name the service" \
-  "$vmattach" cloud upload "$work/file" --token sekrit --data-dir "$work"
+"$vmattach" scheme add cloud --type cloud --api "http://127.0.0.1:$port" --token sekrit \
+  --data-dir "$work/data" >/dev/null
+check "the data folder's cloud scheme names the service and the token" \
+  "$vmattach" cloud upload "$work/file" --data-dir "$work/data"
 
 echo "vmattach cloud: $passed passed, $failed failed"
 test "$failed" -eq 0
