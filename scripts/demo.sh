@@ -46,4 +46,24 @@ cmp "$demo/files/minutes.txt" "$demo/retrieved/minutes.txt"
 echo "retrieved copy is identical"
 
 echo
+echo "The reference attachment service keeps bytes behind signed, expiring URLs:"
+"$bin/services/vmcloudd/vmcloudd" --listen 127.0.0.1:0 --data "$demo/service" --token demo-token \
+  >"$demo/vmcloudd.out" 2>"$demo/vmcloudd.log" &
+service=$!
+trap 'kill "$service" 2>/dev/null; wait "$service" 2>/dev/null; rm -rf "$demo"' EXIT
+for _ in $(seq 100); do
+  grep -q '^listening on' "$demo/vmcloudd.out" 2>/dev/null && break
+  sleep 0.1
+done
+address=$(sed -n 's/^listening on //p' "$demo/vmcloudd.out")
+say scheme add cloud --type cloud --api "http://$address" --token demo-token
+head -c 3000000 /dev/urandom >"$demo/files/scan.bin"
+uuid=$(vmattach cloud upload "$demo/files/scan.bin")
+printf '\n$ vmattach cloud upload %s\n%s\n' "$demo/files/scan.bin" "$uuid"
+say cloud download "$uuid" "$demo/retrieved/scan.bin"
+cmp "$demo/files/scan.bin" "$demo/retrieved/scan.bin"
+echo "downloaded copy is identical"
+say cloud delete "$uuid"
+
+echo
 echo "demo finished"
