@@ -14,11 +14,12 @@ find_package(Boost 1.74 REQUIRED)
 find_package(CLI11 REQUIRED)
 pkg_check_modules(PLIST REQUIRED IMPORTED_TARGET libplist-2.0)
 pkg_check_modules(UUID REQUIRED IMPORTED_TARGET uuid)
-find_path(HTTPLIB_INCLUDE_DIR httplib.h REQUIRED)
+# Debian builds cpp-httplib as a shared library (the header only declares); its pkg-config
+# file carries the feature macros the library was built with, which must match ours.
+pkg_check_modules(HTTPLIB REQUIRED IMPORTED_TARGET cpp-httplib)
 add_library(vm_httplib INTERFACE)
-target_include_directories(vm_httplib SYSTEM INTERFACE ${HTTPLIB_INCLUDE_DIR})
-target_compile_definitions(vm_httplib INTERFACE CPPHTTPLIB_OPENSSL_SUPPORT)
-target_link_libraries(vm_httplib INTERFACE OpenSSL::SSL OpenSSL::Crypto Threads::Threads)
+target_link_libraries(vm_httplib INTERFACE PkgConfig::HTTPLIB OpenSSL::SSL OpenSSL::Crypto
+                                           Threads::Threads)
 
 if(VM_BUILD_TESTS)
   find_package(GTest REQUIRED)

@@ -28,6 +28,8 @@ class Progress {
   // completed / total, or 0 while the total is not positive.
   double fractionCompleted() const;
 
+  bool isPausable() const { return pausable_.load(); }
+  void setPausable(bool pausable) { pausable_.store(pausable); }
   bool isPaused() const { return paused_.load(); }
   void pause();
   void resume();
@@ -43,6 +45,7 @@ class Progress {
 
   std::atomic<std::int64_t> total_{0};
   std::atomic<std::int64_t> completed_{0};
+  std::atomic<bool> pausable_{false};
   std::atomic<bool> paused_{false};
   std::atomic<bool> cancelled_{false};
   std::mutex mu_;

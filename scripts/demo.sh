@@ -1,9 +1,69 @@
 #!/usr/bin/env bash
-# The main job on a fresh machine: installs, builds, and stores and retrieves attachments
+# The main job on a fresh machine: installs, builds, then stores and retrieves attachments
 # with vmattach in a throw-away data folder, on the embedded defaults.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 scripts/install-deps.sh
 cmake --preset default >/dev/null
-cmake --build --preset default -j"$(nproc)"
+cmake --build --preset default -j"$(nproc)" >/dev/null
+bin=build/default
+
+demo=$(mktemp -d)
+trap 'rm -rf "$demo"' EXIT
+vmattach() { "$bin/tools/vmattach/vmattach" --data-dir "$demo/data" "$@"; }
+say() { printf '\n$ vmattach %s\n' "$*"; vmattach "$@"; }
+
+mkdir -p "$demo/files" "$demo/retrieved"
+printf 'Quarterly figures\n' >"$demo/files/report.txt"
+
+say init
+say scheme add references --type reference
+say scheme list
+id=$(vmattach store "$demo/files/report.txt" --scheme references)
+printf '\n$ vmattach store %s --scheme references\n%s\n' "$demo/files/report.txt" "$id"
+say list
+say show "$id"
+say url "$id"
+say retrieve "$id" --to "$demo/retrieved"
+
+echo
+echo "Removing the referenced file; retrieving it now fails with the host's code 600:"
+rm "$demo/files/report.txt"
+if vmattach retrieve "$id" --to "$demo/retrieved"; then
+  echo "unexpected success" >&2
+  exit 1
+fi
+echo
+echo "A storage-folder scheme copies the file into its folder and back:"
+printf 'Minutes of the meeting\n' >"$demo/files/minutes.txt"
+say scheme add archive --type archiver --folder "$demo/storage"
+id=$(vmattach store "$demo/files/minutes.txt" --scheme archive)
+printf '\n$ vmattach store %s --scheme archive\n%s\n' "$demo/files/minutes.txt" "$id"
+say url "$id"
+say retrieve "$id" --to "$demo/retrieved"
+cmp "$demo/files/minutes.txt" "$demo/retrieved/minutes.txt"
+echo "retrieved copy is identical"
+
+echo
+echo "The reference attachment service keeps bytes behind signed, expiring URLs:"
+"$bin/services/vmcloudd/vmcloudd" --listen 127.0.0.1:0 --data "$demo/service" --token demo-token \
+  >"$demo/vmcloudd.out" 2>"$demo/vmcloudd.log" &
+service=$!
+trap 'kill "$service" 2>/dev/null; wait "$service" 2>/dev/null; rm -rf "$demo"' EXIT
+for _ in $(seq 100); do
+  grep -q '^listening on' "$demo/vmcloudd.out" 2>/dev/null && break
+  sleep 0.1
+done
+address=$(sed -n 's/^listening on //p' "$demo/vmcloudd.out")
+say scheme add cloud --type cloud --api "http://$address" --token demo-token
+head -c 3000000 /dev/urandom >"$demo/files/scan.bin"
+uuid=$(vmattach cloud upload "$demo/files/scan.bin")
+printf '\n$ vmattach cloud upload %s\n%s\n' "$demo/files/scan.bin" "$uuid"
+say cloud download "$uuid" "$demo/retrieved/scan.bin"
+cmp "$demo/files/scan.bin" "$demo/retrieved/scan.bin"
+echo "downloaded copy is identical"
+say cloud delete "$uuid"
+
+echo
+echo "demo finished"

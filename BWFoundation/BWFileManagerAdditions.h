@@ -1,0 +1,72 @@
+#ifndef VM_BWFOUNDATION_BWFILEMANAGERADDITIONS_H_
+#define VM_BWFOUNDATION_BWFILEMANAGERADDITIONS_H_
+
+#include <any>
+#include <cstdint>
+#include <filesystem>
+#include <map>
+#include <optional>
+#include <string>
+
+#include "platform/Error.h"
+
+namespace vm {
+
+// Stages of a file operation, as its status callback reports them.
+enum FSFileOperationStage : int {
+  kFSOperationStageUndefined = 0,
+  kFSOperationStagePreflighting = 1,
+  kFSOperationStageRunning = 2,
+  kFSOperationStageComplete = 3,
+};
+
+// The status dictionary of a file operation: bytes copied so far and bytes in all
+// (kFSOperationBytesCompleteKey, kFSOperationTotalBytesKey).
+struct FSOperationStatus {
+  std::int64_t bytesComplete = 0;
+  std::int64_t totalBytes = 0;
+};
+
+// The file operation a callback reports on.
+struct FSFileOperation {
+  std::filesystem::path source;
+  std::filesystem::path destination;
+};
+
+// The caller's context, kept alive by the copy until its last callback has returned.
+using BWCopyContext = std::map<std::string, std::any, std::less<>>;
+
+// The status callback: the operation, the item being copied (the source), the stage, the
+// status (0, or an errno value when the copy failed), the status dictionary (null when
+// there is none) and the caller's context.
+using FSFileOperationStatusProcPtr = void (*)(const FSFileOperation& operation,
+                                              const std::filesystem::path& current_item, int stage,
+                                              std::int32_t status,
+                                              const FSOperationStatus* status_dictionary,
+                                              const BWCopyContext& info);
+
+// Starts copying the file `from` to `to` on the background queue and returns true; the
+// callback then reports stage 2 (running) with the bytes copied so far after every chunk,
+// and finally stage 3 (complete) with status 0, or a call with a non-zero status when the
+// copy failed. All callbacks run on one background thread, in order.
+//
+// Returns false with an error (NSPOSIXErrorDomain) and never calls back when the copy
+// cannot start: `from` is not a readable regular file, the folder of `to` does not exist,
+// or `to` is a folder that is not empty.
+//
+// `to` is replaced only once the copy is complete, so a failed copy leaves an existing
+// file there untouched. A `to` that exists as an empty folder is replaced by the file: a
+// caller may have made that folder as a placeholder for the file.
+bool bwPerformAsyncCopyFromURL(const std::filesystem::path& from, const std::filesystem::path& to,
+                               BWCopyContext context, FSFileOperationStatusProcPtr callback,
+                               ErrorRef* error);
+
+// The local path under which `file` (a file or folder of a shared location) is reachable
+// now, or nullopt when it is not. Share locations on this platform are either local or
+// mounted folders, so a location is reachable when it exists. Thread-safe.
+std::optional<std::filesystem::path> bwLocalPathForSharepointFile(
+    const std::filesystem::path& file);
+
+}  // namespace vm
+
+#endif  // VM_BWFOUNDATION_BWFILEMANAGERADDITIONS_H_

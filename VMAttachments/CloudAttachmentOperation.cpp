@@ -1,0 +1,509 @@
+#include "VMAttachments/CloudAttachmentOperation.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "BWFoundation/HTTPSuccess.h"
+#include "VMAttachments/cloud/AttachmentAPILoader.h"
+#include "VMAttachments/cloud/AttachmentAPIRequest.h"
+#include "VMAttachments/cloud/CloudAttachmentErrors.h"
+
+namespace vm {
+namespace {
+
+constexpr double kStorageTimeoutInterval = 60.0;
+
+// How the log lines show an error that may be absent: the optional's own description,
+// Optional("text") or nil. Readers of the logs know this form.
+std::string OptionalDescription(const ErrorRef& error) {
+  if (!error) return "nil";
+  std::string text = "Optional(\"";
+  for (char c : error->localizedDescription()) {
+    switch (c) {
+      case '"':
+        text += "\\\"";
+        break;
+      case '\\':
+        text += "\\\\";
+        break;
+      case '\n':
+        text += "\\n";
+        break;
+      case '\r':
+        text += "\\r";
+        break;
+      case '\t':
+        text += "\\t";
+        break;
+      default:
+        text += c;
+    }
+  }
+  return text + "\")";
+}
+
+ErrorRef UnusableReply() { return CloudAttachmentError(CloudAttachmentErrorCode::kUnusableReply); }
+
+// Moves a finished download into place without ever replacing what is there: a hard link
+// fails when the destination exists. Across file systems the bytes are copied into a file
+// that is created exclusively.
+bool MoveItem(const std::filesystem::path& from, const std::filesystem::path& to, ErrorRef* error) {
+  if (::link(from.c_str(), to.c_str()) == 0) {
+    ::unlink(from.c_str());
+    return true;
+  }
+  int link_errno = errno;
+  if (link_errno != EXDEV && link_errno != EPERM && link_errno != ENOTSUP && link_errno != EMLINK) {
+    return Fail(error, PosixError(link_errno, to));
+  }
+  int in = ::open(from.c_str(), O_RDONLY | O_CLOEXEC);
+  if (in < 0) return Fail(error, PosixError(errno, from));
+  int out = ::open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+  if (out < 0) {
+    int saved = errno;
+    ::close(in);
+    return Fail(error, PosixError(saved, to));
+  }
+  int copy_errno = 0;
+  for (;;) {
+    ssize_t copied = ::copy_file_range(in, nullptr, out, nullptr, 1 << 30, 0);
+    if (copied == 0) break;
+    if (copied < 0) {
+      if (errno == EINTR) continue;
+      copy_errno = errno;
+      break;
+    }
+  }
+  ::close(in);
+  if (::close(out) != 0 && copy_errno == 0) copy_errno = errno;
+  if (copy_errno != 0) {
+    ::unlink(to.c_str());
+    return Fail(error, PosixError(copy_errno, to));
+  }
+  ::unlink(from.c_str());
+  return true;
+}
+
+}  // namespace
+
+// ---- CloudAttachmentOperation -------------------------------------------------------------
+
+Log& CloudAttachmentOperation::logger() {
+  static Log& log = Log::Get("com.brenwick.velmora", "CloudAttachmentOperation");
+  return log;
+}
+
+CloudAttachmentOperation::CloudAttachmentOperation(AuthToken authToken)
+    : auth_token_(std::move(authToken)), progress_(std::make_shared<Progress>()) {
+  // Cancelling is watched but, on purpose, ignored: the transfer runs on to its end.
+  canceled_observation_ =
+      addObserver("cancelled", [](Operation& self, const KeyValueChange& change) {
+        if (!change.isPrior) (void)self.isCancelled();
+      });
+  progress_->setTotalUnitCount(0);
+  progress_->setCompletedUnitCount(0);
+  progress_->setPausable(true);
+}
+
+CloudAttachmentOperation::~CloudAttachmentOperation() {
+  if (canceled_observation_ != 0) removeObserver(canceled_observation_);
+}
+
+bool CloudAttachmentOperation::isReady() const { return state() == State::kNew; }
+
+bool CloudAttachmentOperation::isExecuting() const {
+  State s = state();
+  return s == State::kAuthorizing || s == State::kTransferring || s == State::kFinishing;
+}
+
+bool CloudAttachmentOperation::isFinished() const {
+  State s = state();
+  return s == State::kFinished || s == State::kError;
+}
+
+bool CloudAttachmentOperation::failed() const { return state() == State::kError; }
+
+ErrorRef CloudAttachmentOperation::error() const {
+  std::lock_guard lock(mu_);
+  return error_;
+}
+
+void CloudAttachmentOperation::setError(ErrorRef error) {
+  std::lock_guard lock(mu_);
+  error_ = std::move(error);
+}
+
+std::shared_ptr<Progress> CloudAttachmentOperation::progress() const {
+  std::lock_guard lock(mu_);
+  return progress_;
+}
+
+void CloudAttachmentOperation::setProgress(std::shared_ptr<Progress> progress) {
+  std::lock_guard lock(mu_);
+  progress_ = std::move(progress);
+}
+
+void CloudAttachmentOperation::setOnURLTaskStarted(TaskStartedHandler handler) {
+  std::lock_guard lock(mu_);
+  on_url_task_started_ = std::move(handler);
+}
+
+std::shared_ptr<URLSession> CloudAttachmentOperation::urlSession() {
+  std::lock_guard lock(mu_);
+  if (!url_session_) {
+    URLSessionConfiguration configuration =
+        URLSessionConfiguration::ephemeralSessionConfiguration();
+    configuration.temporaryDirectory = temporaryDirectory();
+    // The main queue lives for the whole process, so the session need not own it.
+    std::shared_ptr<DispatchQueue> main_queue(std::shared_ptr<DispatchQueue>(),
+                                              &MainQueue::shared());
+    url_session_ = URLSession::sessionWithConfiguration(
+        std::move(configuration), self<CloudAttachmentOperation>(), std::move(main_queue));
+  }
+  return url_session_;
+}
+
+void CloudAttachmentOperation::setURLSession(std::shared_ptr<URLSession> session) {
+  std::lock_guard lock(mu_);
+  url_session_ = std::move(session);
+}
+
+std::shared_ptr<URLSession> CloudAttachmentOperation::apiSession() const {
+  return URLSession::sharedSession();
+}
+
+void CloudAttachmentOperation::setState(State state) {
+  // All three are announced on every change: the queue and the scheme rely on the order.
+  willChangeValueForKey("executing");
+  willChangeValueForKey("finished");
+  willChangeValueForKey("ready");
+  state_.store(state);
+  didChangeValueForKey("executing");
+  didChangeValueForKey("finished");
+  didChangeValueForKey("ready");
+}
+
+void CloudAttachmentOperation::fail() {
+  setState(State::kError);
+  logger().error("Error set: {}", OptionalDescription(error()));
+}
+
+void CloudAttachmentOperation::addAPIHeaders(URLRequest& request) const {
+  request.addValue("application/json", "Content-Type");
+  request.addValue("Velmora " + auth_token_.bearer(), "Authorization");
+}
+
+void CloudAttachmentOperation::taskStarted(const std::shared_ptr<URLSessionTask>& task) {
+  TaskStartedHandler handler;
+  {
+    std::lock_guard lock(mu_);
+    handler = on_url_task_started_;
+  }
+  if (handler) handler(task);
+}
+
+// ---- TransferCloudAttachmentOperation -----------------------------------------------------
+
+void TransferCloudAttachmentOperation::start() {
+  // finished and error are final: a second start must not begin the work again.
+  if (state() != State::kNew) return;
+  ErrorRef error;
+  if (!transfer(&error)) {
+    setError(std::move(error));
+    fail();
+  }
+}
+
+bool TransferCloudAttachmentOperation::transfer(ErrorRef*) {
+  setState(State::kAuthorizing);
+  return true;
+}
+
+// ---- UploadCloudAttachmentOperation -------------------------------------------------------
+
+UploadCloudAttachmentOperation::UploadCloudAttachmentOperation(AuthToken authToken,
+                                                               std::filesystem::path fileURL)
+    : TransferCloudAttachmentOperation(std::move(authToken)), file_url_(std::move(fileURL)) {}
+
+std::filesystem::path UploadCloudAttachmentOperation::fileURL() const {
+  std::lock_guard lock(upload_mu_);
+  return file_url_;
+}
+
+void UploadCloudAttachmentOperation::setFileURL(std::filesystem::path fileURL) {
+  std::lock_guard lock(upload_mu_);
+  file_url_ = std::move(fileURL);
+}
+
+std::shared_ptr<const UploadInfo> UploadCloudAttachmentOperation::uploadInfo() const {
+  std::lock_guard lock(upload_mu_);
+  return upload_info_;
+}
+
+std::optional<std::string> UploadCloudAttachmentOperation::attachmentUUID() const {
+  std::shared_ptr<const UploadInfo> info = uploadInfo();
+  if (!info) return std::nullopt;
+  return info->uuid();
+}
+
+void UploadCloudAttachmentOperation::didSendBodyData(URLSession&, URLSessionTask&, std::int64_t,
+                                                     std::int64_t totalBytesSent,
+                                                     std::int64_t totalBytesExpectedToSend) {
+  std::shared_ptr<Progress> p = progress();
+  p->setCompletedUnitCount(totalBytesSent);
+  p->setTotalUnitCount(totalBytesExpectedToSend);
+}
+
+bool UploadCloudAttachmentOperation::fileSize(std::uint64_t* size, ErrorRef* error) const {
+  std::filesystem::path path = fileURL();
+  struct stat info {};
+  if (::stat(path.c_str(), &info) != 0) {
+    if (errno == ENOENT || errno == ENOTDIR) {
+      return Fail(error, CloudAttachmentError(CloudAttachmentErrorCode::kFileMissing));
+    }
+    return Fail(error, PosixError(errno, path));  // the attributes cannot be read
+  }
+  if (S_ISDIR(info.st_mode)) {
+    return Fail(error, CloudAttachmentError(CloudAttachmentErrorCode::kPathIsDirectory));
+  }
+  // Devices, pipes and sockets have no size that means what is stored.
+  if (!S_ISREG(info.st_mode) || info.st_size < 0) {
+    return Fail(error, CloudAttachmentError(CloudAttachmentErrorCode::kNoFileSize));
+  }
+  *size = static_cast<std::uint64_t>(info.st_size);
+  return true;
+}
+
+bool UploadCloudAttachmentOperation::transfer(ErrorRef* error) {
+  setState(State::kAuthorizing);
+  auto request = std::make_shared<StartUploadRequest>(201);
+  AttachmentAPILoader<StartUploadRequest> loader(request, apiSession());
+  std::uint64_t size = 0;
+  if (!fileSize(&size, error)) return false;
+  ErrorRef build_error;
+  std::optional<URLRequest> url_request =
+      request->makeRequest(UploadRequestInfo(size), &build_error);
+  if (!url_request) {
+    setError(std::move(build_error));
+    fail();
+    return true;
+  }
+  addAPIHeaders(*url_request);
+  loader.load(*url_request, [self = self<UploadCloudAttachmentOperation>()](
+                                std::shared_ptr<UploadInfo> info, ErrorRef reply_error) {
+    if (!info) {
+      self->setError(std::move(reply_error));
+      self->fail();
+      return;
+    }
+    {
+      std::lock_guard lock(self->upload_mu_);
+      self->upload_info_ = std::move(info);
+    }
+    self->uploadToStorageProvider();
+  });
+  return true;
+}
+
+void UploadCloudAttachmentOperation::uploadToStorageProvider() {
+  std::shared_ptr<const UploadInfo> info = uploadInfo();
+  const std::optional<URL>& url = info->uploadURL();
+  if (!url || !url->isHTTP()) {
+    setError(UnusableReply());
+    fail();
+    return;
+  }
+  // A presigned address carries its own authorisation: no header is added.
+  URLRequest request(*url, URLRequest::kUseProtocolCachePolicy, kStorageTimeoutInterval);
+  request.setHTTPMethod("PUT");
+  std::shared_ptr<URLSessionTask> task = urlSession()->uploadTaskWithRequest(
+      std::move(request), fileURL(),
+      [self = self<UploadCloudAttachmentOperation>()](
+          std::optional<JSONData>, std::shared_ptr<const URLResponse> response, ErrorRef error) {
+        self->storageProviderDidComplete(response, error);
+      });
+  task->resume();
+  taskStarted(task);
+}
+
+void UploadCloudAttachmentOperation::storageProviderDidComplete(
+    const std::shared_ptr<const URLResponse>& response, const ErrorRef& error) {
+  if (!response) {
+    logger().error("Error uploading attachment to S3: {}", OptionalDescription(error));
+    setError(error);
+    fail();
+    return;
+  }
+  const auto* http = dynamic_cast<const HTTPURLResponse*>(response.get());
+  if (http == nullptr) {
+    setError(UnusableReply());
+    fail();
+    return;
+  }
+  logger().info("HTTP Response: {}", http->statusCode());
+  if (!isSuccess(*http)) {
+    logger().error("Error uploading attachment to S3, HTTP Response: {}", http->statusCode());
+    setError(CloudAttachmentError(CloudAttachmentErrorCode::kUploadFailed));
+    fail();
+    return;
+  }
+  setState(State::kFinishing);
+  // The finished byte count is dropped on purpose: observers see 0 of 0 while the upload
+  // is being confirmed.
+  progress()->setTotalUnitCount(0);
+  confirmUpload();
+}
+
+void UploadCloudAttachmentOperation::confirmUpload() {
+  std::shared_ptr<const UploadInfo> info = uploadInfo();
+  if (!info) {
+    // Only reachable through a broken step order in this file.
+    logger().error("UploadInfo needs to be set at this point");
+    std::abort();
+  }
+  logger().notice("Notifying VAPI of successful upload");
+  auto request = std::make_shared<FinishUploadRequest>(200);
+  AttachmentAPILoader<FinishUploadRequest> loader(request, apiSession());
+  // The size is the one the web API echoed, not the one measured here.
+  AttachmentInfo uploaded(info->uuid(), info->size(), vm::State::kUploaded);
+  ErrorRef build_error;
+  std::optional<URLRequest> url_request = request->makeRequest(uploaded, &build_error);
+  if (!url_request) {
+    setError(std::move(build_error));
+    fail();
+    return;
+  }
+  addAPIHeaders(*url_request);
+  loader.load(*url_request, [self = self<UploadCloudAttachmentOperation>()](
+                                std::shared_ptr<AttachmentInfo> confirmed, ErrorRef reply_error) {
+    if (confirmed) {
+      self->setState(State::kFinished);
+    } else {
+      self->setError(std::move(reply_error));
+      self->fail();
+    }
+  });
+}
+
+// ---- DownloadCloudAttachmentOperation -----------------------------------------------------
+
+DownloadCloudAttachmentOperation::DownloadCloudAttachmentOperation(
+    AuthToken authToken, std::string attachmentUUID, std::filesystem::path downloadLocation)
+    : TransferCloudAttachmentOperation(std::move(authToken)),
+      attachment_uuid_(std::move(attachmentUUID)),
+      download_location_(std::move(downloadLocation)) {}
+
+std::filesystem::path DownloadCloudAttachmentOperation::temporaryDirectory() const {
+  return download_location_.parent_path();
+}
+
+void DownloadCloudAttachmentOperation::didWriteData(URLSession&, URLSessionTask&, std::int64_t,
+                                                    std::int64_t totalBytesWritten,
+                                                    std::int64_t totalBytesExpectedToWrite) {
+  std::shared_ptr<Progress> p = progress();
+  p->setTotalUnitCount(totalBytesExpectedToWrite);
+  p->setCompletedUnitCount(totalBytesWritten);
+}
+
+void DownloadCloudAttachmentOperation::didFinishDownloadingToURL(
+    URLSession&, URLSessionTask& downloadTask, const std::filesystem::path& location) {
+  completeDownload(location, downloadTask.response(), error());
+}
+
+bool DownloadCloudAttachmentOperation::transfer(ErrorRef* error) {
+  setState(State::kAuthorizing);
+  auto request = std::make_shared<DownloadRequest>(200);
+  AttachmentAPILoader<DownloadRequest> loader(request, apiSession());
+  std::optional<URLRequest> url_request = request->makeRequest(attachment_uuid_, error);
+  if (!url_request) return false;
+  addAPIHeaders(*url_request);
+  loader.load(*url_request, [self = self<DownloadCloudAttachmentOperation>()](
+                                std::shared_ptr<DownloadInfo> info, ErrorRef reply_error) {
+    if (info) {
+      self->downloadFromStorageProvider(*info);
+    } else {
+      self->setError(std::move(reply_error));
+      self->fail();
+    }
+  });
+  return true;
+}
+
+void DownloadCloudAttachmentOperation::downloadFromStorageProvider(const DownloadInfo& info) {
+  const std::optional<URL>& url = info.downloadURL();
+  if (!url || !url->isHTTP()) {
+    setError(UnusableReply());
+    fail();
+    return;
+  }
+  URLRequest request(*url, URLRequest::kUseProtocolCachePolicy, kStorageTimeoutInterval);
+  request.setHTTPMethod("GET");
+  // No completion handler: the results come through the delegate methods.
+  std::shared_ptr<URLSessionTask> task = urlSession()->downloadTaskWithRequest(std::move(request));
+  task->resume();
+  taskStarted(task);
+}
+
+void DownloadCloudAttachmentOperation::completeDownload(
+    const std::optional<std::filesystem::path>& location,
+    const std::shared_ptr<const URLResponse>& response, const ErrorRef& error) {
+  if (!location || !response) {
+    setError(error);
+    fail();
+    return;
+  }
+  const auto* http = dynamic_cast<const HTTPURLResponse*>(response.get());
+  if (http == nullptr) {
+    setError(UnusableReply());
+    fail();
+    return;
+  }
+  if (!isSuccess(*http)) {
+    // The temporary file is removed by the session when this returns.
+    setError(CloudAttachmentError(CloudAttachmentErrorCode::kDownloadFailed));
+    fail();
+    return;
+  }
+  ErrorRef move_error;
+  if (!MoveItem(*location, download_location_, &move_error)) {
+    setError(std::move(move_error));
+    fail();
+    return;
+  }
+  setState(State::kFinished);
+}
+
+// ---- DeleteCloudAttachmentOperation -------------------------------------------------------
+
+DeleteCloudAttachmentOperation::DeleteCloudAttachmentOperation(AuthToken authToken,
+                                                               std::string attachmentUUID)
+    : CloudAttachmentOperation(std::move(authToken)), attachment_uuid_(std::move(attachmentUUID)) {}
+
+void DeleteCloudAttachmentOperation::start() {
+  if (state() != State::kNew) return;
+  setState(State::kAuthorizing);
+  auto request = std::make_shared<DeletionRequest>(204);
+  AttachmentAPILoader<DeletionRequest> loader(request, apiSession());
+  ErrorRef build_error;
+  std::optional<URLRequest> url_request = request->makeRequest(attachment_uuid_, &build_error);
+  if (!url_request) {
+    setError(std::move(build_error));
+    fail();
+    return;
+  }
+  addAPIHeaders(*url_request);
+  loader.load(*url_request, [self = self<DeleteCloudAttachmentOperation>()](
+                                std::shared_ptr<Empty> done, ErrorRef reply_error) {
+    if (done) {
+      self->setState(State::kFinished);
+    } else {
+      self->setError(std::move(reply_error));
+      self->fail();
+    }
+  });
+}
+
+}  // namespace vm

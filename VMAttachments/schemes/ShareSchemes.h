@@ -1,0 +1,24 @@
+#ifndef VM_VMATTACHMENTS_SCHEMES_SHARESCHEMES_H_
+#define VM_VMATTACHMENTS_SCHEMES_SHARESCHEMES_H_
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace vm {
+
+// Registers VMAFPAttachment and VMArchiverAttachment with HXSchemeHandlerRegistry::shared().
+// Safe to call more than once and from any thread.
+void RegisterShareSchemeClasses();
+
+// The infoData of a share scheme record: the keyed archive of the settings dictionary with
+// the server URL ("VMAFPAttachmentServerPath"), user name, password and storage folder
+// ("VMArchiverAttachmentStorageFolder"). Empty arguments are left out of the dictionary.
+std::vector<std::uint8_t> MakeShareSettingsInfoData(const std::string& server,
+                                                    const std::string& user,
+                                                    const std::string& password,
+                                                    const std::string& folder);
+
+}  // namespace vm
+
+#endif  // VM_VMATTACHMENTS_SCHEMES_SHARESCHEMES_H_

@@ -1,0 +1,188 @@
+// 200 concurrent attachment cycles (start, PUT bytes, confirm, GET info, GET bytes,
+// DELETE) against vmcloudd in embedded mode on loopback, each with its own content,
+// which it verifies after the download. Reference in the same run: the same 200 clients
+// doing only a bare PUT and GET of the same bytes on a minimal in-memory HTTP server.
+// Prints cycles per second for both and their ratio; exits non-zero on any error.
+#include <httplib.h>
+#include <stdlib.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <atomic>
+#include <barrier>
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <map>
+#include <mutex>
+#include <nlohmann/json.hpp>
+#include <thread>
+#include <vector>
+
+#include "services/vmcloudd/AttachmentService.h"
+
+namespace {
+
+constexpr int kCycles = 200;
+constexpr int kRounds = 3;
+constexpr const char* kToken = "bench";
+
+using Clock = std::chrono::steady_clock;
+
+std::string Content(int round, int cycle) {
+  std::size_t size = 4096 + static_cast<std::size_t>(cycle) * 331;
+  std::string out(size, '\0');
+  std::uint64_t state =
+      0x9E3779B97F4A7C15ull * static_cast<std::uint64_t>(round * 1000 + cycle + 1);
+  for (char& c : out) {
+    state ^= state << 13;
+    state ^= state >> 7;
+    state ^= state << 17;
+    c = static_cast<char>(state);
+  }
+  return out;
+}
+
+// Splits "http://host:port/path?query" into the origin and the request target.
+std::pair<std::string, std::string> Split(const std::string& url) {
+  auto slash = url.find('/', url.find("://") + 3);
+  return {url.substr(0, slash), url.substr(slash)};
+}
+
+httplib::Client MakeClient(const std::string& origin) {
+  httplib::Client client(origin);
+  client.set_url_encode(false);
+  client.set_connection_timeout(30);
+  client.set_read_timeout(60);
+  return client;
+}
+
+// One full cycle through the service; false on any unexpected answer or byte.
+bool ServiceCycle(const std::string& base, int round, int cycle) {
+  const std::string bytes = Content(round, cycle);
+  const std::string api = "/v1/_internal/attachment";
+  httplib::Headers auth = {{"Authorization", std::string("Velmora ") + kToken}};
+  auto client = MakeClient(base);
+
+  auto started =
+      client.Post(api, auth, nlohmann::json{{"size", bytes.size()}}.dump(), "application/json");
+  if (!started || started->status != 201) return false;
+  auto info = nlohmann::json::parse(started->body, nullptr, false);
+  const std::string uuid = info.value("uuid", "");
+  auto [upload_origin, upload_target] = Split(info.value("upload_url", ""));
+  auto uploaded = MakeClient(upload_origin).Put(upload_target, bytes, "application/octet-stream");
+  if (!uploaded || uploaded->status != 200) return false;
+
+  nlohmann::json confirm = {{"uuid", uuid}, {"size", bytes.size()}, {"state", "uploaded"}};
+  auto confirmed = client.Put(api + "/" + uuid, auth, confirm.dump(), "application/json");
+  if (!confirmed || confirmed->status != 200) return false;
+
+  auto described = client.Get(api + "/" + uuid, auth);
+  if (!described || described->status != 200) return false;
+  auto download = nlohmann::json::parse(described->body, nullptr, false);
+  auto [download_origin, download_target] = Split(download.value("download_url", ""));
+  auto fetched = MakeClient(download_origin).Get(download_target);
+  if (!fetched || fetched->status != 200 || fetched->body != bytes) return false;
+
+  auto removed = client.Delete(api + "/" + uuid, auth);
+  return removed && removed->status == 204;
+}
+
+bool ReferenceCycle(const std::string& base, int round, int cycle) {
+  const std::string bytes = Content(round, cycle);
+  const std::string target = "/r/" + std::to_string(round) + "-" + std::to_string(cycle);
+  auto client = MakeClient(base);
+  auto put = client.Put(target, bytes, "application/octet-stream");
+  if (!put || put->status != 200) return false;
+  auto got = client.Get(target);
+  return got && got->status == 200 && got->body == bytes;
+}
+
+// Runs kCycles cycles at once, released together; returns cycles per second of the best
+// round and adds failures to `errors`.
+template <typename Cycle>
+double Measure(Cycle cycle, std::atomic<int>* errors) {
+  double best = 0;
+  for (int round = 0; round < kRounds; ++round) {
+    std::barrier start(kCycles + 1);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kCycles; ++i) {
+      threads.emplace_back([&, i] {
+        start.arrive_and_wait();
+        if (!cycle(round, i)) ++*errors;
+      });
+    }
+    start.arrive_and_wait();
+    auto began = Clock::now();
+    for (auto& thread : threads) thread.join();
+    double seconds = std::chrono::duration<double>(Clock::now() - began).count();
+    best = std::max(best, kCycles / seconds);
+  }
+  return best;
+}
+
+}  // namespace
+
+int main() {
+  char pattern[] = "/tmp/vmcloudd-bench-XXXXXX";
+  if (mkdtemp(pattern) == nullptr) return 1;
+  const std::filesystem::path dir = pattern;
+
+  vm::AttachmentServiceOptions options;
+  options.data_dir = dir;
+  options.tokens = {kToken};
+  vm::ErrorRef error;
+  auto service = vm::AttachmentService::Create(std::move(options), &error);
+  if (!service || !service->start(&error)) {
+    std::fprintf(stderr, "cannot start vmcloudd: %s\n", error->summary().c_str());
+    return 1;
+  }
+
+  std::mutex mu;
+  std::map<std::string, std::string> objects;
+  httplib::Server reference;
+  reference.Put("/r/(.+)", [&](const httplib::Request& request, httplib::Response& response) {
+    std::lock_guard lock(mu);
+    objects[request.matches[1].str()] = request.body;
+    response.status = 200;
+  });
+  reference.Get("/r/(.+)", [&](const httplib::Request& request, httplib::Response& response) {
+    std::lock_guard lock(mu);
+    response.set_content(objects[request.matches[1].str()], "application/octet-stream");
+  });
+  // Same listen backlog as the service gives itself, so that only the work differs.
+  int listen_fd = -1;
+  reference.set_socket_options([&listen_fd](socket_t socket) {
+    httplib::default_socket_options(socket);
+    listen_fd = socket;
+  });
+  int port = reference.bind_to_any_port("127.0.0.1");
+  ::listen(listen_fd, SOMAXCONN);
+  std::thread serving([&] { reference.listen_after_bind(); });
+  while (!reference.is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+
+  std::atomic<int> service_errors{0};
+  std::atomic<int> reference_errors{0};
+  const std::string service_base = service->baseURL();
+  const std::string reference_base = "http://127.0.0.1:" + std::to_string(port);
+  double service_rate = Measure(
+      [&](int round, int i) { return ServiceCycle(service_base, round, i); }, &service_errors);
+  double reference_rate =
+      Measure([&](int round, int i) { return ReferenceCycle(reference_base, round, i); },
+              &reference_errors);
+
+  reference.stop();
+  serving.join();
+  service->stop();
+  std::error_code ignored;
+  std::filesystem::remove_all(dir, ignored);
+
+  std::printf(
+      "vmcloudd embedded: %d concurrent cycles (start, PUT, confirm, GET info, GET "
+      "bytes, DELETE), best of %d rounds: %.1f cycles/s, %d errors\n",
+      kCycles, kRounds, service_rate, service_errors.load());
+  std::printf("reference (bare PUT+GET on an in-memory httplib server): %.1f cycles/s, %d errors\n",
+              reference_rate, reference_errors.load());
+  std::printf("ratio vmcloudd/reference: %.3f\n", service_rate / reference_rate);
+  return service_errors == 0 && reference_errors == 0 ? 0 : 1;
+}

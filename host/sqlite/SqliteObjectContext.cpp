@@ -1,0 +1,768 @@
+#include "host/sqlite/SqliteObjectContext.h"
+
+#include <fmt/format.h>
+#include <sys/stat.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <nlohmann/json.hpp>
+#include <random>
+
+#include "host/HXAttachmentCache.h"
+#include "host/HXFileAttachmentSchemeHandler.h"
+#include "host/HXRecord.h"
+#include "host/HostConstants.h"
+#include "host/sqlite/JsonFileUserDefaults.h"
+#include "host/sqlite/SqliteAttachmentCache.h"
+#include "host/sqlite/SqliteSchema.h"
+#include "host/sqlite/SqliteTransferManager.h"
+#include "platform/DispatchQueue.h"
+#include "platform/UniqueID.h"
+
+namespace vm {
+namespace {
+
+constexpr char kDatabaseFileName[] = "attachments.sqlite";
+constexpr char kCloudHandlerClassName[] = "VMCAttachment";
+
+struct EntityTable {
+  std::string_view entity;
+  std::string_view table;
+  bool has_visibility_flags;  // inTrash and hidden columns
+};
+
+constexpr EntityTable kEntityTables[] = {
+    {HXFileAttachment::kEntityName, "attachments", true},
+    {HXFileAttachmentScheme::kEntityName, "schemes", false},
+    {HXTask::kEntityName, "tasks", true},
+    {HXEmail::kEntityName, "emails", true},
+};
+
+const EntityTable* TableForEntity(std::string_view entity) {
+  for (const EntityTable& t : kEntityTables) {
+    if (t.entity == entity) return &t;
+  }
+  return nullptr;
+}
+
+ErrorRef HostError(std::string_view description) {
+  return Error::WithDescription(kVMFileAttachmentDomain, 1, description);
+}
+
+std::int64_t ToNanoseconds(Date date) {
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(date.time_since_epoch()).count();
+}
+
+Date FromNanoseconds(std::int64_t ns) {
+  return Date(std::chrono::duration_cast<Date::duration>(std::chrono::nanoseconds(ns)));
+}
+
+std::string HexEncode(const Bytes& bytes) {
+  static constexpr char kDigits[] = "0123456789abcdef";
+  std::string out;
+  out.reserve(bytes.size() * 2);
+  for (std::uint8_t b : bytes) {
+    out.push_back(kDigits[b >> 4]);
+    out.push_back(kDigits[b & 15]);
+  }
+  return out;
+}
+
+Bytes HexDecode(const std::string& text) {
+  auto nibble = [](char c) -> int {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    return 0;
+  };
+  Bytes out;
+  for (std::size_t i = 0; i + 1 < text.size(); i += 2) {
+    out.push_back(static_cast<std::uint8_t>(nibble(text[i]) << 4 | nibble(text[i + 1])));
+  }
+  return out;
+}
+
+std::string EncodeKeyedValues(const std::map<std::string, KeyedValue, std::less<>>& values) {
+  nlohmann::json document = nlohmann::json::object();
+  for (const auto& [key, value] : values) {
+    if (const auto* n = std::get_if<std::int64_t>(&value)) {
+      document[key] = {{"int", *n}};
+    } else if (const auto* s = std::get_if<std::string>(&value)) {
+      document[key] = {{"string", *s}};
+    } else {
+      document[key] = {{"data", HexEncode(std::get<Bytes>(value))}};
+    }
+  }
+  return document.dump();
+}
+
+void DecodeKeyedValues(const std::string& text, HXFileAttachment& record) {
+  nlohmann::json document = nlohmann::json::parse(text, nullptr, false);
+  if (!document.is_object()) return;
+  for (const auto& [key, value] : document.items()) {
+    if (!value.is_object()) continue;
+    if (value.contains("int") && value["int"].is_number_integer()) {
+      record.setObject(value["int"].get<std::int64_t>(), key);
+    } else if (value.contains("string") && value["string"].is_string()) {
+      record.setObject(value["string"].get<std::string>(), key);
+    } else if (value.contains("data") && value["data"].is_string()) {
+      record.setObject(HexDecode(value["data"].get<std::string>()), key);
+    }
+  }
+}
+
+bool IsIdentifier(std::string_view key) {
+  if (key.empty() || std::isdigit(static_cast<unsigned char>(key[0]))) return false;
+  for (char c : key) {
+    if (!std::isalnum(static_cast<unsigned char>(c)) && c != '_') return false;
+  }
+  return true;
+}
+
+// Turns a qualifier into SQL with "?" placeholders. Keys name columns; values are always
+// bound. IS / IS NOT give the in-memory semantics for null.
+bool AppendQualifierSQL(const BDQualifier* qualifier, std::string& sql,
+                        std::vector<KeyValue>& arguments, ErrorRef* error) {
+  if (const auto* kv = dynamic_cast<const BDKeyValueQualifier*>(qualifier)) {
+    if (!IsIdentifier(kv->key())) {
+      return Fail(error, HostError(fmt::format("invalid qualifier key \"{}\"", kv->key())));
+    }
+    sql += fmt::format("\"{}\" {} ?", kv->key(),
+                       kv->op() == BDKeyValueQualifier::Operator::kEqual ? "IS" : "IS NOT");
+    arguments.push_back(kv->value());
+    return true;
+  }
+  if (const auto* conjunction = dynamic_cast<const BDAndQualifier*>(qualifier)) {
+    sql += "(1";
+    for (const BDQualifierRef& part : conjunction->qualifiers()) {
+      if (!part) continue;
+      sql += " AND ";
+      if (!AppendQualifierSQL(part.get(), sql, arguments, error)) return false;
+    }
+    sql += ")";
+    return true;
+  }
+  return Fail(error, HostError("unsupported qualifier"));
+}
+
+// The host's own record class: attributes plus the host operations.
+class SqliteFileAttachment : public HXFileAttachment {
+ public:
+  SqliteFileAttachment(SqliteObjectContext* context) : HXFileAttachment(context), host_(context) {}
+
+  // Stores the record's file through its scheme: the temporary path when set (a file
+  // waiting to be stored), else the attachment path.
+  bool storeAttachmentWithError(ErrorRef* error) override {
+    std::shared_ptr<HXFileAttachmentScheme> scheme = fileAttachmentScheme();
+    std::shared_ptr<HXFileAttachmentSchemeHandler> handler =
+        scheme ? scheme->schemeHandler() : nullptr;
+    if (!handler) {
+      return Fail(error, Error::WithDescription(kVMFileAttachmentDomain, 500,
+                                                "The attachment's scheme was not found."));
+    }
+    std::string source = temporaryPath().value_or(attachmentPath());
+    auto self = std::static_pointer_cast<HXFileAttachment>(
+        host_->attachmentWithPrimaryKey(primaryKeyValue()));
+    std::shared_ptr<HXAttachmentCache> cache = HXAttachmentCache::sharedCache();
+    std::string relative = cache ? cache->relativeFilePathForObject(*this) : std::string();
+    return handler->storeFile(source, relative, self, delegate(), error);
+  }
+
+  // Fills the dates the record lacks from the stored file.
+  void updateMissingDetailsFromURL(const std::filesystem::path& url) override {
+    struct stat info {};
+    if (::stat(url.c_str(), &info) != 0) return;
+    Date modified = FromNanoseconds(static_cast<std::int64_t>(info.st_mtim.tv_sec) * 1000000000 +
+                                    info.st_mtim.tv_nsec);
+    if (!attachmentModifyDate()) setAttachmentModifyDate(modified);
+    if (!attachmentCreateDate()) setAttachmentCreateDate(modified);
+    if (name().empty()) setName(url.filename().string());
+  }
+
+ private:
+  SqliteObjectContext* host_;
+};
+
+}  // namespace
+
+std::unique_ptr<SqliteObjectContext> SqliteObjectContext::open(
+    const std::filesystem::path& data_dir, ErrorRef* error, const SqliteCreateOptions& options) {
+  return openImpl(data_dir, kSqliteSchemaVersion, error, options);
+}
+
+std::unique_ptr<SqliteObjectContext> SqliteObjectContext::openAtSchemaVersion(
+    const std::filesystem::path& data_dir, int version, ErrorRef* error) {
+  return openImpl(data_dir, version, error, {});
+}
+
+std::unique_ptr<SqliteObjectContext> SqliteObjectContext::openImpl(
+    const std::filesystem::path& data_dir, int schema_version, ErrorRef* error,
+    const SqliteCreateOptions& options) {
+  std::error_code ec;
+  for (const char* sub : {"", "cache", "transfers"}) {
+    std::filesystem::create_directories(data_dir / sub, ec);
+    if (ec) {
+      Fail(error, PosixError(ec, data_dir / sub));
+      return nullptr;
+    }
+  }
+  std::unique_ptr<SqliteDatabase> db = SqliteDatabase::open(data_dir / kDatabaseFileName, error);
+  if (!db || !MigrateSqliteSchema(*db, schema_version, error)) return nullptr;
+  std::unique_ptr<SqliteObjectContext> context(new SqliteObjectContext(data_dir, std::move(db)));
+  if (!context->loadOrCreateMeta(options, error)) return nullptr;
+  if (schema_version >= 2 && !context->transfer_manager_->load(error)) return nullptr;
+  return context;
+}
+
+SqliteObjectContext::SqliteObjectContext(std::filesystem::path data_dir,
+                                         std::unique_ptr<SqliteDatabase> db)
+    : data_dir_(std::move(data_dir)),
+      db_(std::move(db)),
+      cache_(std::make_shared<SqliteAttachmentCache>(data_dir_ / "cache")),
+      defaults_(JsonFileUserDefaults::open(data_dir_ / "defaults.json")),
+      transfer_manager_(std::make_unique<SqliteTransferManager>(this, data_dir_ / "transfers")) {}
+
+SqliteObjectContext::~SqliteObjectContext() {
+  std::unique_lock lock(async_mu_);
+  async_cv_.wait(lock, [this] { return async_fetches_running_ == 0; });
+}
+
+void SqliteObjectContext::installAsProcessHost() {
+  HXAttachmentCache::setSharedCache(cache_);
+  std::weak_ptr<SqliteAttachmentCache> cache = cache_;
+  HXAttachmentCache::setSharedCacheFactory(
+      [cache](int) -> std::shared_ptr<HXAttachmentCache> { return cache.lock(); });
+  UserDefaults::setStandard(defaults_);
+  std::optional<std::string> token = setting("cloudToken");
+  VMCloudAuthentication::setProvider(
+      [token](const std::string&, std::uint64_t) { return token.value_or(""); });
+}
+
+int SqliteObjectContext::schemaVersion() { return db_->userVersion(); }
+
+bool SqliteObjectContext::loadOrCreateMeta(const SqliteCreateOptions& options, ErrorRef* error) {
+  std::lock_guard lock(mu_);
+  if (!db_->exec("BEGIN IMMEDIATE", error)) return false;
+  auto read = [this](const char* key) { return setting(key); };
+  auto write = [this](const char* key, const std::string& value, ErrorRef* e) {
+    auto statement = db_->prepare("INSERT OR REPLACE INTO meta(key, value) VALUES (?, ?)", e);
+    if (!statement) return false;
+    statement->bindText(1, key);
+    statement->bindText(2, value);
+    return statement->run(e);
+  };
+  bool ok = true;
+  if (!read("databaseUUID")) {
+    std::random_device entropy;
+    std::int64_t offset = options.primaryKeyOffset.value_or(
+        std::uniform_int_distribution<std::int64_t>(0, 999)(entropy));
+    const char* user = std::getenv("USER");
+    std::string username = !options.username.empty() ? options.username : (user ? user : "user");
+    ok = write("databaseUUID", MakeUniqueID(), error) &&
+         write("primaryKeyOffset", std::to_string(offset % 1000), error) &&
+         write("customerID", std::to_string(options.customerID), error) &&
+         write("username", username, error) && write("nextKeyBlock", "1", error);
+  }
+  if (!ok || !db_->exec("COMMIT", error)) {
+    db_->exec("ROLLBACK", nullptr);
+    return false;
+  }
+  database_uuid_ = read("databaseUUID").value_or("");
+  primary_key_offset_ = std::stoll(read("primaryKeyOffset").value_or("0"));
+  customer_id_ = std::stoull(read("customerID").value_or("1"));
+  username_ = read("username").value_or("");
+  return true;
+}
+
+std::optional<std::string> SqliteObjectContext::setting(const std::string& key) {
+  auto statement = db_->prepare("SELECT value FROM meta WHERE key = ?", nullptr);
+  if (!statement) return std::nullopt;
+  statement->bindText(1, key);
+  if (!statement->step(nullptr)) return std::nullopt;
+  return statement->columnText(0);
+}
+
+bool SqliteObjectContext::setSetting(const std::string& key, const std::string& value,
+                                     ErrorRef* error) {
+  auto statement = db_->prepare("INSERT OR REPLACE INTO meta(key, value) VALUES (?, ?)", error);
+  if (!statement) return false;
+  statement->bindText(1, key);
+  statement->bindText(2, value);
+  return statement->run(error);
+}
+
+std::uint64_t SqliteObjectContext::nextPrimaryKey() {
+  std::lock_guard lock(mu_);
+  // Blocks of 1000 keys: block n gives the key n * 1000 + offset, so every key this copy
+  // hands out leaves its offset as remainder. The counter is shared by every entity and
+  // advanced in its own transaction so that two processes never take the same block.
+  db_->exec("BEGIN IMMEDIATE", nullptr);
+  std::uint64_t block = std::stoull(setting("nextKeyBlock").value_or("1"));
+  setSetting("nextKeyBlock", std::to_string(block + 1), nullptr);
+  db_->exec("COMMIT", nullptr);
+  return block * 1000 + static_cast<std::uint64_t>(primary_key_offset_);
+}
+
+std::shared_ptr<HXRecord> SqliteObjectContext::makeRecord(std::string_view entity_name,
+                                                          std::uint64_t key) {
+  std::shared_ptr<HXRecord> record;
+  if (entity_name == HXFileAttachment::kEntityName) {
+    record = std::make_shared<SqliteFileAttachment>(this);
+  } else if (entity_name == HXFileAttachmentScheme::kEntityName) {
+    record = std::make_shared<HXFileAttachmentScheme>(this);
+  } else if (entity_name == HXTask::kEntityName) {
+    record = std::make_shared<HXTask>(this);
+  } else if (entity_name == HXEmail::kEntityName) {
+    record = std::make_shared<HXEmail>(this);
+  } else {
+    return nullptr;
+  }
+  record->setPrimaryKeyValue(key);
+  return record;
+}
+
+std::shared_ptr<HXRecord> SqliteObjectContext::createObjectForEntityNamed(
+    std::string_view entity_name, bool insert) {
+  std::lock_guard lock(mu_);
+  if (TableForEntity(entity_name) == nullptr) return nullptr;
+  std::shared_ptr<HXRecord> record = makeRecord(entity_name, insert ? nextPrimaryKey() : 0);
+  if (insert) {
+    auto key = std::make_pair(std::string(entity_name), record->primaryKeyValue());
+    records_[key] = record;
+    unsaved_inserts_.insert(key);
+  }
+  return record;
+}
+
+std::shared_ptr<HXFileAttachment> SqliteObjectContext::insertAttachment() {
+  auto record = std::static_pointer_cast<HXFileAttachment>(
+      createObjectForEntityNamed(HXFileAttachment::kEntityName, true));
+  record->setModifyDate(std::chrono::system_clock::now());
+  return record;
+}
+
+std::shared_ptr<HXFileAttachmentScheme> SqliteObjectContext::insertScheme(
+    std::string name, std::string handler_class_name) {
+  auto record = std::static_pointer_cast<HXFileAttachmentScheme>(
+      createObjectForEntityNamed(HXFileAttachmentScheme::kEntityName, true));
+  record->setName(std::move(name));
+  record->setHandlerClassName(std::move(handler_class_name));
+  return record;
+}
+
+std::shared_ptr<HXRecord> SqliteObjectContext::recordFromRow(std::string_view entity_name,
+                                                             SqliteStatement& row) {
+  std::map<std::string, int> columns;
+  for (int i = 0; i < row.columnCount(); ++i) columns[row.columnName(i)] = i;
+  auto column = [&columns](const char* name) {
+    auto it = columns.find(name);
+    return it == columns.end() ? -1 : it->second;
+  };
+  std::uint64_t key = static_cast<std::uint64_t>(row.columnInt(column("_rowid")));
+  auto map_key = std::make_pair(std::string(entity_name), key);
+  if (auto it = records_.find(map_key); it != records_.end()) return it->second;
+
+  std::shared_ptr<HXRecord> record = makeRecord(entity_name, key);
+  auto text = [&](const char* name) { return row.columnText(column(name)); };
+  auto optional_text = [&](const char* name) { return row.columnOptionalText(column(name)); };
+  auto optional_date = [&](const char* name) -> std::optional<Date> {
+    if (row.isNull(column(name))) return std::nullopt;
+    return FromNanoseconds(row.columnInt(column(name)));
+  };
+  if (auto* attachment = dynamic_cast<HXFileAttachment*>(record.get())) {
+    attachment->setName(text("name"));
+    attachment->setAttachmentPath(text("attachmentPath"));
+    attachment->setIsRelativePath(row.columnInt(column("isRelativePath")) != 0);
+    attachment->setAttachmentModifyDate(optional_date("attachmentModifyDate"));
+    attachment->setAttachmentCreateDate(optional_date("attachmentCreateDate"));
+    if (row.isNull(column("uploaded"))) {
+      attachment->setUploaded(std::nullopt);
+    } else {
+      attachment->setUploaded(row.columnInt(column("uploaded")) == 1);
+    }
+    attachment->setAttachmentUUID(optional_text("attachmentUUID"));
+    attachment->setInitialAttachmentUUID(optional_text("initialAttachmentUUID"));
+    attachment->setTemporaryPath(optional_text("temporaryPath"));
+    if (!row.isNull(column("encryptionData"))) {
+      attachment->setEncryptionData(row.columnBlob(column("encryptionData")));
+    }
+    if (!row.isNull(column("fileAttachmentSchemeID"))) {
+      auto scheme_id = static_cast<std::uint64_t>(row.columnInt(column("fileAttachmentSchemeID")));
+      if (auto scheme = schemeWithPrimaryKey(scheme_id)) {
+        attachment->setFileAttachmentScheme(scheme);
+      } else {
+        attachment->setFileAttachmentSchemeID(scheme_id);
+      }
+    }
+    attachment->setModifyDate(FromNanoseconds(row.columnInt(column("modifyDate"))));
+    DecodeKeyedValues(text("keyedValues"), *attachment);
+  } else if (auto* scheme = dynamic_cast<HXFileAttachmentScheme*>(record.get())) {
+    scheme->setName(text("name"));
+    scheme->setHandlerClassName(text("handlerClassName"));
+    if (!row.isNull(column("infoData"))) scheme->setInfoData(row.columnBlob(column("infoData")));
+  } else if (auto* task = dynamic_cast<HXTask*>(record.get())) {
+    task->setTitle(text("title"));
+    task->setDetails(text("details"));
+    task->setDueDate(row.columnInt(column("dueDate")));
+  } else if (auto* email = dynamic_cast<HXEmail*>(record.get())) {
+    email->setSubject(text("subject"));
+  }
+  record->clearChanges();
+  records_[map_key] = record;
+  return record;
+}
+
+FetchResults SqliteObjectContext::fetch(const BWPFetchRequest& request, ErrorRef* error) {
+  const BWPFetchSpecification& spec = request.fetchSpecification();
+  const EntityTable* table = TableForEntity(spec.entityName);
+  if (table == nullptr) {
+    Fail(error, HostError(fmt::format("unknown entity \"{}\"", spec.entityName)));
+    return {};
+  }
+  std::string sql = fmt::format("SELECT * FROM {} WHERE 1", table->table);
+  std::vector<KeyValue> arguments;
+  if (spec.qualifier) {
+    sql += " AND ";
+    if (!AppendQualifierSQL(spec.qualifier.get(), sql, arguments, error)) return {};
+  }
+  if (!request.rawSQLWhere().empty()) {
+    sql += fmt::format(" AND ({})", request.rawSQLWhere());
+    arguments.insert(arguments.end(), request.rawSQLArguments().begin(),
+                     request.rawSQLArguments().end());
+  }
+  if (table->has_visibility_flags) {
+    if (!request.overrideTrashSystem()) sql += " AND inTrash = 0";
+    if (!request.overridePermissionsSystem()) sql += " AND hidden = 0";
+  }
+  sql += " ORDER BY _rowid";
+
+  std::lock_guard lock(mu_);
+  auto statement = db_->prepare(sql, error);
+  if (!statement) return {};
+  for (std::size_t i = 0; i < arguments.size(); ++i) {
+    statement->bind(static_cast<int>(i + 1), arguments[i]);
+  }
+  FetchResults results;
+  ErrorRef failure;
+  while (statement->step(&failure)) results.push_back(recordFromRow(spec.entityName, *statement));
+  if (failure) {
+    Fail(error, failure);
+    return {};
+  }
+  return results;
+}
+
+FetchResults SqliteObjectContext::resultsForFetchRequest(const BWPFetchRequest& request,
+                                                         ErrorRef* error) {
+  return fetch(request, error);
+}
+
+void SqliteObjectContext::asyncResultsForFetchRequest(
+    std::shared_ptr<BWPAsyncFetchRequest> request) {
+  {
+    std::lock_guard lock(async_mu_);
+    ++async_fetches_running_;
+  }
+  BackgroundQueue().async([this, request = std::move(request)] {
+    ErrorRef error;
+    FetchResults results = fetch(*request, &error);
+    if (request->callbackBlock()) request->callbackBlock()(std::move(results), error);
+    std::lock_guard lock(async_mu_);
+    --async_fetches_running_;
+    async_cv_.notify_all();
+  });
+}
+
+FetchResults SqliteObjectContext::objectsForEntityNamed(std::string_view entity_name,
+                                                        const BDQualifierRef& qualifier) {
+  std::lock_guard lock(mu_);
+  FetchResults results;
+  for (const auto& [key, record] : records_) {
+    if (key.first != entity_name) continue;
+    if (!qualifier || qualifier->evaluateWithObject(*record)) results.push_back(record);
+  }
+  return results;
+}
+
+std::shared_ptr<HXFileAttachmentScheme> SqliteObjectContext::schemeNamed(const std::string& name) {
+  BWPFetchRequest request({std::string(HXFileAttachmentScheme::kEntityName),
+                           BDKeyValueQualifier::qualifierWhereValueOfKey("name", name),
+                           {}});
+  FetchResults results = fetch(request, nullptr);
+  if (results.empty()) {
+    // A scheme inserted but not yet saved.
+    results = objectsForEntityNamed(HXFileAttachmentScheme::kEntityName,
+                                    BDKeyValueQualifier::qualifierWhereValueOfKey("name", name));
+  }
+  return results.empty() ? nullptr
+                         : std::static_pointer_cast<HXFileAttachmentScheme>(results.front());
+}
+
+std::shared_ptr<HXFileAttachmentScheme> SqliteObjectContext::schemeWithPrimaryKey(
+    std::uint64_t key) {
+  std::lock_guard lock(mu_);
+  if (auto it =
+          records_.find(std::make_pair(std::string(HXFileAttachmentScheme::kEntityName), key));
+      it != records_.end()) {
+    return std::static_pointer_cast<HXFileAttachmentScheme>(it->second);
+  }
+  BWPFetchRequest request({std::string(HXFileAttachmentScheme::kEntityName), nullptr, {}});
+  request.setRawSQLWhere("_rowid = ?", {static_cast<std::int64_t>(key)});
+  FetchResults results = fetch(request, nullptr);
+  return results.empty() ? nullptr
+                         : std::static_pointer_cast<HXFileAttachmentScheme>(results.front());
+}
+
+std::vector<std::shared_ptr<HXFileAttachmentScheme>> SqliteObjectContext::allSchemes(
+    ErrorRef* error) {
+  std::vector<std::shared_ptr<HXFileAttachmentScheme>> out;
+  for (auto& record :
+       fetch(BWPFetchRequest({std::string(HXFileAttachmentScheme::kEntityName), nullptr, {}}),
+             error)) {
+    out.push_back(std::static_pointer_cast<HXFileAttachmentScheme>(record));
+  }
+  return out;
+}
+
+std::shared_ptr<HXFileAttachment> SqliteObjectContext::attachmentWithPrimaryKey(
+    std::uint64_t key, bool include_hidden_and_trash) {
+  std::lock_guard lock(mu_);
+  if (auto it = records_.find(std::make_pair(std::string(HXFileAttachment::kEntityName), key));
+      it != records_.end()) {
+    return std::static_pointer_cast<HXFileAttachment>(it->second);
+  }
+  BWPFetchRequest request({std::string(HXFileAttachment::kEntityName), nullptr, {}});
+  request.setRawSQLWhere("_rowid = ?", {static_cast<std::int64_t>(key)});
+  request.setOverrideTrashSystem(include_hidden_and_trash);
+  request.setOverridePermissionsSystem(include_hidden_and_trash);
+  FetchResults results = fetch(request, nullptr);
+  return results.empty() ? nullptr : std::static_pointer_cast<HXFileAttachment>(results.front());
+}
+
+std::shared_ptr<HXFileAttachment> SqliteObjectContext::loadAttachment(std::uint64_t key) {
+  return attachmentWithPrimaryKey(key, true);
+}
+
+std::vector<std::shared_ptr<HXFileAttachment>> SqliteObjectContext::allAttachments(
+    ErrorRef* error) {
+  BWPFetchRequest request({std::string(HXFileAttachment::kEntityName), nullptr, {}});
+  request.setOverrideTrashSystem(true);
+  request.setOverridePermissionsSystem(true);
+  std::vector<std::shared_ptr<HXFileAttachment>> out;
+  for (auto& record : fetch(request, error)) {
+    out.push_back(std::static_pointer_cast<HXFileAttachment>(record));
+  }
+  return out;
+}
+
+bool SqliteObjectContext::writeRecord(HXRecord& record, ErrorRef* error) {
+  const std::int64_t key = static_cast<std::int64_t>(record.primaryKeyValue());
+  std::unique_ptr<SqliteStatement> statement;
+  if (auto* a = dynamic_cast<HXFileAttachment*>(&record)) {
+    statement = db_->prepare(
+        "INSERT INTO attachments (_rowid, name, attachmentPath, isRelativePath, "
+        "attachmentModifyDate, attachmentCreateDate, uploaded, attachmentUUID, "
+        "initialAttachmentUUID, temporaryPath, encryptionData, fileAttachmentSchemeID, "
+        "modifyDate, keyedValues) VALUES (?,?,?,?,?,?,?,?,?,?,?,?,?,?) "
+        "ON CONFLICT(_rowid) DO UPDATE SET name=excluded.name, "
+        "attachmentPath=excluded.attachmentPath, isRelativePath=excluded.isRelativePath, "
+        "attachmentModifyDate=excluded.attachmentModifyDate, "
+        "attachmentCreateDate=excluded.attachmentCreateDate, uploaded=excluded.uploaded, "
+        "attachmentUUID=excluded.attachmentUUID, "
+        "initialAttachmentUUID=excluded.initialAttachmentUUID, "
+        "temporaryPath=excluded.temporaryPath, encryptionData=excluded.encryptionData, "
+        "fileAttachmentSchemeID=excluded.fileAttachmentSchemeID, modifyDate=excluded.modifyDate, "
+        "keyedValues=excluded.keyedValues",
+        error);
+    if (!statement) return false;
+    statement->bindInt(1, key);
+    statement->bindText(2, a->name());
+    statement->bindText(3, a->attachmentPath());
+    statement->bindInt(4, a->isRelativePath() ? 1 : 0);
+    auto bind_date = [&](int index, const std::optional<Date>& date) {
+      if (date) {
+        statement->bindInt(index, ToNanoseconds(*date));
+      } else {
+        statement->bindNull(index);
+      }
+    };
+    bind_date(5, a->attachmentModifyDate());
+    bind_date(6, a->attachmentCreateDate());
+    if (std::optional<bool> uploaded = a->uploaded()) {
+      statement->bindInt(7, *uploaded ? 1 : 0);
+    } else {
+      statement->bindNull(7);
+    }
+    statement->bindOptionalText(8, a->attachmentUUID());
+    statement->bindOptionalText(9, a->initialAttachmentUUID());
+    statement->bindOptionalText(10, a->temporaryPath());
+    if (std::optional<Bytes> data = a->encryptionData()) {
+      statement->bindBlob(11, *data);
+    } else {
+      statement->bindNull(11);
+    }
+    if (std::uint64_t scheme_id = a->fileAttachmentSchemeID(); scheme_id != 0) {
+      statement->bindInt(12, static_cast<std::int64_t>(scheme_id));
+    } else {
+      statement->bindNull(12);
+    }
+    statement->bindInt(13, ToNanoseconds(a->modifyDate()));
+    statement->bindText(14, EncodeKeyedValues(a->keyedValues()));
+  } else if (auto* s = dynamic_cast<HXFileAttachmentScheme*>(&record)) {
+    statement = db_->prepare(
+        "INSERT INTO schemes (_rowid, name, handlerClassName, infoData) VALUES (?,?,?,?) "
+        "ON CONFLICT(_rowid) DO UPDATE SET name=excluded.name, "
+        "handlerClassName=excluded.handlerClassName, infoData=excluded.infoData",
+        error);
+    if (!statement) return false;
+    statement->bindInt(1, key);
+    statement->bindText(2, s->name());
+    statement->bindText(3, s->handlerClassName());
+    if (std::optional<Bytes> data = s->infoData()) {
+      statement->bindBlob(4, *data);
+    } else {
+      statement->bindNull(4);
+    }
+  } else if (auto* t = dynamic_cast<HXTask*>(&record)) {
+    statement = db_->prepare(
+        "INSERT INTO tasks (_rowid, title, details, dueDate) VALUES (?,?,?,?) "
+        "ON CONFLICT(_rowid) DO UPDATE SET title=excluded.title, details=excluded.details, "
+        "dueDate=excluded.dueDate",
+        error);
+    if (!statement) return false;
+    statement->bindInt(1, key);
+    statement->bindText(2, t->title());
+    statement->bindText(3, t->details());
+    statement->bindInt(4, t->dueDate());
+  } else if (auto* e = dynamic_cast<HXEmail*>(&record)) {
+    statement = db_->prepare(
+        "INSERT INTO emails (_rowid, subject) VALUES (?,?) "
+        "ON CONFLICT(_rowid) DO UPDATE SET subject=excluded.subject",
+        error);
+    if (!statement) return false;
+    statement->bindInt(1, key);
+    statement->bindText(2, e->subject());
+  } else {
+    return Fail(error, HostError("unknown record type"));
+  }
+  return statement->run(error);
+}
+
+bool SqliteObjectContext::saveChanges(ErrorRef* error) {
+  std::lock_guard lock(mu_);
+  if (!db_->exec("BEGIN IMMEDIATE", error)) return false;
+  ErrorRef failure;
+  std::vector<HXRecord*> written;
+  // Schemes first: attachments refer to them.
+  for (std::string_view entity :
+       {HXFileAttachmentScheme::kEntityName, HXFileAttachment::kEntityName, HXTask::kEntityName,
+        HXEmail::kEntityName}) {
+    for (const auto& [key, record] : records_) {
+      if (key.first != entity) continue;
+      if (!record->hasChanges() && unsaved_inserts_.count(key) == 0) continue;
+      if (!writeRecord(*record, &failure)) break;
+      written.push_back(record.get());
+    }
+    if (failure) break;
+  }
+  for (const auto& [task_key, list] : pending_task_lists_) {
+    if (failure) break;
+    auto statement = db_->prepare("UPDATE tasks SET list = ? WHERE _rowid = ?", &failure);
+    if (!statement) break;
+    statement->bindText(1, list);
+    statement->bindInt(2, static_cast<std::int64_t>(task_key));
+    statement->run(&failure);
+  }
+  for (const auto& [from, to] : pending_links_) {
+    if (failure) break;
+    auto statement = db_->prepare(
+        "INSERT OR IGNORE INTO links (fromEntity, fromID, toEntity, toID) VALUES (?,?,?,?)",
+        &failure);
+    if (!statement) break;
+    statement->bindText(1, from.first);
+    statement->bindInt(2, static_cast<std::int64_t>(from.second));
+    statement->bindText(3, to.first);
+    statement->bindInt(4, static_cast<std::int64_t>(to.second));
+    statement->run(&failure);
+  }
+  if (failure || !db_->exec("COMMIT", &failure)) {
+    db_->exec("ROLLBACK", nullptr);
+    // Nothing was written: the records keep their changes for the next save.
+    return Fail(error, failure);
+  }
+  for (HXRecord* record : written) record->clearChanges();
+  unsaved_inserts_.clear();
+  pending_task_lists_.clear();
+  pending_links_.clear();
+  return true;
+}
+
+bool SqliteObjectContext::setRowFlags(const HXRecord& record, bool in_trash, bool hidden,
+                                      ErrorRef* error) {
+  const EntityTable* table = TableForEntity(record.entityName());
+  if (table == nullptr || !table->has_visibility_flags) {
+    return Fail(error, HostError("records of this entity have no trash or permission flags"));
+  }
+  auto statement = db_->prepare(
+      fmt::format("UPDATE {} SET inTrash = ?, hidden = ? WHERE _rowid = ?", table->table), error);
+  if (!statement) return false;
+  statement->bindInt(1, in_trash ? 1 : 0);
+  statement->bindInt(2, hidden ? 1 : 0);
+  statement->bindInt(3, static_cast<std::int64_t>(record.primaryKeyValue()));
+  return statement->run(error);
+}
+
+bool SqliteObjectContext::linkEmailToAttachment(const HXRecord& email, const HXRecord& attachment,
+                                                ErrorRef* error) {
+  auto statement = db_->prepare(
+      "INSERT OR IGNORE INTO FileAttachmentEmailJoin (emailID, fileAttachmentID) VALUES (?, ?)",
+      error);
+  if (!statement) return false;
+  statement->bindInt(1, static_cast<std::int64_t>(email.primaryKeyValue()));
+  statement->bindInt(2, static_cast<std::int64_t>(attachment.primaryKeyValue()));
+  return statement->run(error);
+}
+
+VMAttachmentTransferManager* SqliteObjectContext::attachmentTransferManager() {
+  return transfer_manager_.get();
+}
+
+std::shared_ptr<HXFileAttachmentScheme> SqliteObjectContext::cloudStorageScheme() {
+  BWPFetchRequest request({std::string(HXFileAttachmentScheme::kEntityName),
+                           BDKeyValueQualifier::qualifierWhereValueOfKey(
+                               "handlerClassName", std::string(kCloudHandlerClassName)),
+                           {}});
+  FetchResults results = fetch(request, nullptr);
+  return results.empty() ? nullptr
+                         : std::static_pointer_cast<HXFileAttachmentScheme>(results.front());
+}
+
+std::shared_ptr<HXFileAttachmentSchemeHandler> SqliteObjectContext::schemeHandlerForScheme(
+    HXFileAttachmentScheme& scheme) {
+  std::lock_guard lock(mu_);
+  std::uint64_t key = scheme.primaryKeyValue();
+  if (auto it = handlers_.find(key); it != handlers_.end()) return it->second;
+  std::shared_ptr<HXFileAttachmentScheme> record = schemeWithPrimaryKey(key);
+  if (record.get() != &scheme) return nullptr;  // not a record of this context
+  std::shared_ptr<HXFileAttachmentSchemeHandler> handler =
+      HXSchemeHandlerRegistry::shared().makeHandler(record);
+  if (handler) handlers_[key] = handler;
+  return handler;
+}
+
+void SqliteObjectContext::removeTaskFromInboxList(HXTask& task) {
+  std::lock_guard lock(mu_);
+  pending_task_lists_[task.primaryKeyValue()] = "";
+}
+
+void SqliteObjectContext::addTaskToWorklist(HXTask& task) {
+  std::lock_guard lock(mu_);
+  pending_task_lists_[task.primaryKeyValue()] = "worklist";
+}
+
+void SqliteObjectContext::linkObject(HXRecord& object, HXRecord& to_object) {
+  std::lock_guard lock(mu_);
+  pending_links_.push_back({{object.entityName(), object.primaryKeyValue()},
+                            {to_object.entityName(), to_object.primaryKeyValue()}});
+}
+
+}  // namespace vm

@@ -1,0 +1,151 @@
+#ifndef VM_HOST_SQLITE_SQLITEOBJECTCONTEXT_H_
+#define VM_HOST_SQLITE_SQLITEOBJECTCONTEXT_H_
+
+#include <condition_variable>
+#include <cstdint>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "host/HXFileAttachment.h"
+#include "host/HXFileAttachmentScheme.h"
+#include "host/HXObjectContext.h"
+#include "host/sqlite/SqliteDatabase.h"
+
+namespace vm {
+
+class JsonFileUserDefaults;
+class SqliteAttachmentCache;
+class SqliteTransferManager;
+
+// Choices made when a data folder is created; ignored when it already exists.
+struct SqliteCreateOptions {
+  std::optional<std::int64_t> primaryKeyOffset;  // default: random in [0, 999]
+  std::uint64_t customerID = 1;
+  std::string username;  // default: $USER
+};
+
+// The reference host: one data folder holding the SQLite database ("attachments.sqlite"),
+// the attachment cache ("cache/"), the transfer manager's folder ("transfers/") and the
+// user defaults ("defaults.json").
+//
+// Records are unique per context: fetching a row that is already loaded returns the same
+// object. The context keeps every record it handed out until it is destroyed, so changes
+// are never lost before saveChanges(), which writes all changed records in one
+// transaction. Thread-safe; the destructor waits for asynchronous fetches still running.
+class SqliteObjectContext : public HXObjectContext, public HXInstanceCache {
+ public:
+  static std::unique_ptr<SqliteObjectContext> open(const std::filesystem::path& data_dir,
+                                                   ErrorRef* error,
+                                                   const SqliteCreateOptions& options = {});
+  // Only for tests of schema upgrades: opens and migrates no further than `version`.
+  static std::unique_ptr<SqliteObjectContext> openAtSchemaVersion(
+      const std::filesystem::path& data_dir, int version, ErrorRef* error);
+  ~SqliteObjectContext() override;
+
+  // Makes this context's cache and defaults the process's shared ones, and its settings
+  // the source of cloud tokens.
+  void installAsProcessHost();
+
+  const std::filesystem::path& dataDirectory() const { return data_dir_; }
+  std::filesystem::path cacheDirectory() const { return data_dir_ / "cache"; }
+  std::filesystem::path transfersDirectory() const { return data_dir_ / "transfers"; }
+  SqliteDatabase& database() { return *db_; }
+  const std::shared_ptr<SqliteAttachmentCache>& attachmentCache() const { return cache_; }
+  const std::shared_ptr<JsonFileUserDefaults>& userDefaults() const { return defaults_; }
+  int schemaVersion();
+
+  // Settings of the data folder (meta table): "velmoraAPI", "cloudToken" and the like.
+  std::optional<std::string> setting(const std::string& key);
+  bool setSetting(const std::string& key, const std::string& value, ErrorRef* error);
+
+  // Typed creation and lookup. New records get their primary key at once and are written
+  // by the next saveChanges().
+  std::shared_ptr<HXFileAttachment> insertAttachment();
+  std::shared_ptr<HXFileAttachmentScheme> insertScheme(std::string name,
+                                                       std::string handler_class_name);
+  std::shared_ptr<HXFileAttachmentScheme> schemeNamed(const std::string& name);
+  std::shared_ptr<HXFileAttachmentScheme> schemeWithPrimaryKey(std::uint64_t key);
+  std::vector<std::shared_ptr<HXFileAttachmentScheme>> allSchemes(ErrorRef* error = nullptr);
+  std::shared_ptr<HXFileAttachment> attachmentWithPrimaryKey(std::uint64_t key,
+                                                             bool include_hidden_and_trash = true);
+  std::vector<std::shared_ptr<HXFileAttachment>> allAttachments(ErrorRef* error = nullptr);
+  // Trash and permission flags of a stored row, and e-mail links (used by tests and tools).
+  bool setRowFlags(const HXRecord& record, bool in_trash, bool hidden, ErrorRef* error);
+  bool linkEmailToAttachment(const HXRecord& email, const HXRecord& attachment, ErrorRef* error);
+
+  // HXObjectContext.
+  bool saveChanges(ErrorRef* error) override;
+  FetchResults resultsForFetchRequest(const BWPFetchRequest& request,
+                                      ErrorRef* error = nullptr) override;
+  void asyncResultsForFetchRequest(std::shared_ptr<BWPAsyncFetchRequest> request) override;
+  HXInstanceCache& instanceCache() override { return *this; }
+  VMAttachmentTransferManager* attachmentTransferManager() override;
+  std::shared_ptr<HXFileAttachmentScheme> cloudStorageScheme() override;
+  std::shared_ptr<HXFileAttachmentSchemeHandler> schemeHandlerForScheme(
+      HXFileAttachmentScheme& scheme) override;
+  std::int64_t primaryKeyOffset() const override { return primary_key_offset_; }
+  HXDatabaseIdentifier databaseIdentifier() const override { return {customer_id_}; }
+  std::string databaseUUID() const override { return database_uuid_; }
+  HXUser user() const override { return {username_}; }
+  std::shared_ptr<HXRecord> createObjectForEntityNamed(std::string_view entity_name,
+                                                       bool insert) override;
+  void removeTaskFromInboxList(HXTask& task) override;
+  void addTaskToWorklist(HXTask& task) override;
+  void linkObject(HXRecord& object, HXRecord& to_object) override;
+
+  // HXInstanceCache: the loaded records of an entity that match.
+  FetchResults objectsForEntityNamed(std::string_view entity_name,
+                                     const BDQualifierRef& qualifier) override;
+
+  // For the transfer manager: loads the attachment of a primary key.
+  std::shared_ptr<HXFileAttachment> loadAttachment(std::uint64_t key);
+
+ private:
+  SqliteObjectContext(std::filesystem::path data_dir, std::unique_ptr<SqliteDatabase> db);
+  static std::unique_ptr<SqliteObjectContext> openImpl(const std::filesystem::path& data_dir,
+                                                       int schema_version, ErrorRef* error,
+                                                       const SqliteCreateOptions& options);
+  bool loadOrCreateMeta(const SqliteCreateOptions& options, ErrorRef* error);
+  std::uint64_t nextPrimaryKey();
+  std::shared_ptr<HXRecord> makeRecord(std::string_view entity_name, std::uint64_t key);
+  std::shared_ptr<HXRecord> recordFromRow(std::string_view entity_name, SqliteStatement& row);
+  bool writeRecord(HXRecord& record, ErrorRef* error);
+  FetchResults fetch(const BWPFetchRequest& request, ErrorRef* error);
+
+  const std::filesystem::path data_dir_;
+  const std::unique_ptr<SqliteDatabase> db_;
+  std::shared_ptr<SqliteAttachmentCache> cache_;
+  std::shared_ptr<JsonFileUserDefaults> defaults_;
+  std::unique_ptr<SqliteTransferManager> transfer_manager_;
+
+  std::int64_t primary_key_offset_ = 0;
+  std::uint64_t customer_id_ = 1;
+  std::string username_;
+  std::string database_uuid_;
+
+  std::recursive_mutex mu_;
+  // Every record handed out, by (entity, key). Invariant: one object per row.
+  std::map<std::pair<std::string, std::uint64_t>, std::shared_ptr<HXRecord>, std::less<>> records_;
+  // Keys of records created here and not yet written.
+  std::set<std::pair<std::string, std::uint64_t>> unsaved_inserts_;
+  std::map<std::uint64_t, std::string> pending_task_lists_;
+  std::vector<
+      std::pair<std::pair<std::string, std::uint64_t>, std::pair<std::string, std::uint64_t>>>
+      pending_links_;
+  std::map<std::uint64_t, std::shared_ptr<HXFileAttachmentSchemeHandler>> handlers_;
+
+  std::mutex async_mu_;
+  std::condition_variable async_cv_;
+  int async_fetches_running_ = 0;
+};
+
+}  // namespace vm
+
+#endif  // VM_HOST_SQLITE_SQLITEOBJECTCONTEXT_H_

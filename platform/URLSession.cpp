@@ -1,0 +1,761 @@
+#include "platform/URLSession.h"
+
+#include <curl/curl.h>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cmath>
+#include <cstdlib>
+#include <map>
+#include <system_error>
+#include <thread>
+
+namespace vm {
+namespace {
+
+// Big buffers keep the number of system calls per byte low for large files; both are well
+// inside what libcurl accepts.
+constexpr long kReceiveBufferSize = 512 * 1024;
+constexpr long kUploadBufferSize = 512 * 1024;
+constexpr long kMaxRedirects = 16;
+
+std::atomic<std::uint64_t> next_task_identifier{1};
+
+void EnsureCurlInitialised() {
+  static std::once_flag once;
+  std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
+}
+
+char Lower(char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c; }
+
+bool SameField(std::string_view a, std::string_view b) {
+  if (a.size() != b.size()) return false;
+  for (std::size_t i = 0; i < a.size(); ++i) {
+    if (Lower(a[i]) != Lower(b[i])) return false;
+  }
+  return true;
+}
+
+std::optional<std::string> FindField(const HTTPHeaderFields& fields, std::string_view name) {
+  for (const auto& [field, value] : fields) {
+    if (SameField(field, name)) return value;
+  }
+  return std::nullopt;
+}
+
+// A line break in a header would let a value smuggle in headers of its own.
+bool SendableHeader(const std::string& field, const std::string& value) {
+  if (field.empty() || field.find_first_of(":\r\n") != std::string::npos) return false;
+  for (char c : field + value) {
+    if (c == '\r' || c == '\n' || c == '\0') return false;
+  }
+  return true;
+}
+
+ErrorRef URLError(std::int64_t code, std::string_view description, const std::string& url,
+                  ErrorRef underlying = nullptr) {
+  Error::UserInfo info;
+  info.emplace(std::string(NSLocalizedDescriptionKey), std::string(description));
+  if (!url.empty()) info.emplace(std::string(NSURLErrorKey), url);
+  if (underlying) info.emplace(std::string(NSUnderlyingErrorKey), std::move(underlying));
+  return Error::Make(NSURLErrorDomain, code, std::move(info));
+}
+
+ErrorRef CancelledError(const std::string& url) {
+  return URLError(kURLErrorCancelled, "cancelled", url);
+}
+
+ErrorRef FileOpenError(int error_number, const std::filesystem::path& path,
+                       const std::string& url) {
+  ErrorRef posix = PosixError(error_number, path);
+  switch (error_number) {
+    case ENOENT:
+    case ENOTDIR:
+      return URLError(kURLErrorFileDoesNotExist, "The file doesn't exist.", url, posix);
+    case EISDIR:
+      return URLError(kURLErrorFileIsDirectory, "The file is a directory.", url, posix);
+    case EACCES:
+    case EPERM:
+      return URLError(kURLErrorNoPermissionsToReadFile,
+                      "You don't have permission to read the file.", url, posix);
+    default:
+      return URLError(kURLErrorUnknown, "The file couldn't be read.", url, posix);
+  }
+}
+
+}  // namespace
+
+ErrorRef URLSessionError(int curlCode, const std::string& url, const std::string& detail) {
+  std::int64_t code = kURLErrorUnknown;
+  std::string_view text = "An unknown error occurred.";
+  switch (static_cast<CURLcode>(curlCode)) {
+    case CURLE_OPERATION_TIMEDOUT:
+      code = kURLErrorTimedOut;
+      text = "The request timed out.";
+      break;
+    case CURLE_UNSUPPORTED_PROTOCOL:
+      code = kURLErrorUnsupportedURL;
+      text = "unsupported URL";
+      break;
+    case CURLE_URL_MALFORMAT:
+      code = kURLErrorBadURL;
+      text = "bad URL";
+      break;
+    case CURLE_COULDNT_RESOLVE_HOST:
+    case CURLE_COULDNT_RESOLVE_PROXY:
+      code = kURLErrorCannotFindHost;
+      text = "A server with the specified hostname could not be found.";
+      break;
+    case CURLE_COULDNT_CONNECT:
+      code = kURLErrorCannotConnectToHost;
+      text = "Could not connect to the server.";
+      break;
+    case CURLE_SEND_ERROR:
+    case CURLE_RECV_ERROR:
+    case CURLE_PARTIAL_FILE:
+    case CURLE_HTTP2:
+    case CURLE_HTTP2_STREAM:
+      code = kURLErrorNetworkConnectionLost;
+      text = "The network connection was lost.";
+      break;
+    case CURLE_TOO_MANY_REDIRECTS:
+      code = kURLErrorHTTPTooManyRedirects;
+      text = "too many HTTP redirects";
+      break;
+    case CURLE_GOT_NOTHING:
+    case CURLE_WEIRD_SERVER_REPLY:
+      code = kURLErrorBadServerResponse;
+      text = "The server returned a bad response.";
+      break;
+    case CURLE_PEER_FAILED_VERIFICATION:
+      code = kURLErrorServerCertificateUntrusted;
+      text = "The certificate for this server is invalid.";
+      break;
+    case CURLE_SSL_CONNECT_ERROR:
+    case CURLE_SSL_CERTPROBLEM:
+    case CURLE_SSL_CIPHER:
+    case CURLE_SSL_CACERT_BADFILE:
+      code = kURLErrorSecureConnectionFailed;
+      text = "An SSL error has occurred and a secure connection to the server cannot be made.";
+      break;
+    case CURLE_WRITE_ERROR:
+      code = kURLErrorCannotWriteToFile;
+      text = "The file couldn't be written.";
+      break;
+    case CURLE_READ_ERROR:
+    case CURLE_ABORTED_BY_CALLBACK:
+      code = kURLErrorFileDoesNotExist;
+      text = "The file couldn't be read.";
+      break;
+    default:
+      break;
+  }
+  Error::UserInfo info;
+  info.emplace(std::string(NSLocalizedDescriptionKey), std::string(text));
+  if (!url.empty()) info.emplace(std::string(NSURLErrorKey), url);
+  std::string debug = detail.empty() ? curl_easy_strerror(static_cast<CURLcode>(curlCode)) : detail;
+  info.emplace("NSDebugDescription", fmt::format("{} (libcurl {})", debug, curlCode));
+  return Error::Make(NSURLErrorDomain, code, std::move(info));
+}
+
+// ---- URLRequest, responses ---------------------------------------------------------------
+
+URLRequest::URLRequest(URL url, int cachePolicy, double timeoutInterval)
+    : url_(std::move(url)), cache_policy_(cachePolicy), timeout_(timeoutInterval) {}
+
+std::optional<std::string> URLRequest::valueForHTTPHeaderField(std::string_view field) const {
+  return FindField(headers_, field);
+}
+
+void URLRequest::addValue(std::string_view value, std::string_view field) {
+  for (auto& [name, existing] : headers_) {
+    if (SameField(name, field)) {
+      existing += ", ";
+      existing += value;
+      return;
+    }
+  }
+  headers_.emplace_back(std::string(field), std::string(value));
+}
+
+void URLRequest::setValue(std::string_view value, std::string_view field) {
+  for (auto& [name, existing] : headers_) {
+    if (SameField(name, field)) {
+      existing = std::string(value);
+      return;
+    }
+  }
+  headers_.emplace_back(std::string(field), std::string(value));
+}
+
+URLResponse::URLResponse(URL url, std::int64_t expectedContentLength)
+    : url_(std::move(url)), expected_length_(expectedContentLength) {}
+
+std::string URLResponse::description() const {
+  return fmt::format("<URLResponse: {}>", url_.absoluteString());
+}
+
+HTTPURLResponse::HTTPURLResponse(URL url, int statusCode, HTTPHeaderFields headerFields,
+                                 std::int64_t expectedContentLength)
+    : URLResponse(std::move(url), expectedContentLength),
+      status_(statusCode),
+      headers_(std::move(headerFields)) {}
+
+std::optional<std::string> HTTPURLResponse::valueForHTTPHeaderField(std::string_view field) const {
+  return FindField(headers_, field);
+}
+
+std::string HTTPURLResponse::description() const {
+  return fmt::format("<HTTPURLResponse: {}> {{ Status Code: {} }}", url().absoluteString(),
+                     status_);
+}
+
+// ---- Delegate defaults ------------------------------------------------------------------
+
+void URLSessionDelegate::didSendBodyData(URLSession&, URLSessionTask&, std::int64_t, std::int64_t,
+                                         std::int64_t) {}
+void URLSessionDelegate::didWriteData(URLSession&, URLSessionTask&, std::int64_t, std::int64_t,
+                                      std::int64_t) {}
+void URLSessionDelegate::didFinishDownloadingToURL(URLSession&, URLSessionTask&,
+                                                   const std::filesystem::path&) {}
+void URLSessionDelegate::didCompleteWithError(URLSession&, URLSessionTask&, const ErrorRef&) {}
+
+URLSessionConfiguration URLSessionConfiguration::defaultSessionConfiguration() {
+  URLSessionConfiguration configuration;
+  if (const char* bundle = std::getenv("VM_CA_BUNDLE"); bundle && *bundle) {
+    configuration.caBundle = bundle;
+  }
+  return configuration;
+}
+
+URLSessionConfiguration URLSessionConfiguration::ephemeralSessionConfiguration() {
+  return defaultSessionConfiguration();
+}
+
+// ---- The transfer of one task on the I/O thread -------------------------------------------
+
+struct URLSessionTask::Transfer {
+  CURL* easy = nullptr;
+  curl_slist* headers = nullptr;
+  int fd = -1;
+  std::filesystem::path temporary;  // download tasks, until handed to the delegate
+  std::vector<std::uint8_t> data;
+  std::string url;
+  char error_text[CURL_ERROR_SIZE] = {};
+
+  ~Transfer() {
+    if (easy != nullptr) curl_easy_cleanup(easy);
+    if (headers != nullptr) curl_slist_free_all(headers);
+    if (fd >= 0) ::close(fd);
+    if (!temporary.empty()) {
+      std::error_code ignored;
+      std::filesystem::remove(temporary, ignored);
+    }
+  }
+};
+
+// The session's I/O machinery: the multi handle and its thread, and the commands other
+// threads queue for it. Owned jointly by the session and its thread, so that a thread that
+// outlives its session (only when the session dies on that very thread) still has what it
+// uses.
+struct URLSession::Core : std::enable_shared_from_this<URLSession::Core> {
+  struct Command {
+    bool start;  // false: cancel
+    std::shared_ptr<URLSessionTask> task;
+  };
+
+  CURLM* multi = nullptr;
+  std::mutex mu;
+  std::vector<Command> commands;
+  bool stop = false;
+  std::thread thread;
+  // I/O thread only. A task in here keeps its session alive, and so this core.
+  std::map<CURL*, std::shared_ptr<URLSessionTask>> running;
+
+  Core() {
+    EnsureCurlInitialised();
+    multi = curl_multi_init();
+  }
+  ~Core() { curl_multi_cleanup(multi); }
+
+  void push(Command command) {
+    {
+      std::lock_guard lock(mu);
+      commands.push_back(std::move(command));
+      if (!thread.joinable()) thread = std::thread([self = shared_from_this()] { self->run(); });
+    }
+    curl_multi_wakeup(multi);
+  }
+
+  // Called by the session's destructor; nothing is running then (a running task keeps the
+  // session alive).
+  void shutDown() {
+    std::thread io;
+    {
+      std::lock_guard lock(mu);
+      stop = true;
+      io = std::move(thread);
+    }
+    curl_multi_wakeup(multi);
+    if (!io.joinable()) return;
+    if (io.get_id() == std::this_thread::get_id()) {
+      io.detach();
+    } else {
+      io.join();
+    }
+  }
+
+  void run() {
+    for (;;) {
+      std::vector<Command> batch;
+      {
+        std::lock_guard lock(mu);
+        if (stop) break;
+        batch.swap(commands);
+      }
+      for (Command& command : batch) {
+        if (command.start) {
+          begin(command.task);
+        } else {
+          cancel(command.task);
+        }
+      }
+      batch.clear();
+      int still_running = 0;
+      curl_multi_perform(multi, &still_running);
+      int left = 0;
+      while (CURLMsg* message = curl_multi_info_read(multi, &left)) {
+        if (message->msg == CURLMSG_DONE) finish(message->easy_handle, message->data.result);
+      }
+      // Returns early on activity, on libcurl's own timers, and on curl_multi_wakeup().
+      curl_multi_poll(multi, nullptr, 0, 1000, nullptr);
+    }
+  }
+
+  void begin(const std::shared_ptr<URLSessionTask>& task);
+  void cancel(const std::shared_ptr<URLSessionTask>& task);
+  void finish(CURL* easy, CURLcode result);
+  static ErrorRef configure(URLSessionTask& task, const URLSessionConfiguration& configuration);
+
+  static size_t collectData(char* bytes, size_t size, size_t count, void* user);
+  static size_t writeFile(char* bytes, size_t size, size_t count, void* user);
+  static size_t readFile(char* buffer, size_t size, size_t count, void* user);
+  static int seekFile(void* user, curl_off_t offset, int origin);
+};
+
+size_t URLSession::Core::collectData(char* bytes, size_t size, size_t count, void* user) {
+  auto* task = static_cast<URLSessionTask*>(user);
+  size_t n = size * count;
+  task->transfer_->data.insert(task->transfer_->data.end(), bytes, bytes + n);
+  task->received_.fetch_add(static_cast<std::int64_t>(n));
+  return n;
+}
+
+size_t URLSession::Core::writeFile(char* bytes, size_t size, size_t count, void* user) {
+  auto* task = static_cast<URLSessionTask*>(user);
+  size_t n = size * count;
+  size_t done = 0;
+  while (done < n) {
+    ssize_t written = ::write(task->transfer_->fd, bytes + done, n - done);
+    if (written < 0) {
+      if (errno == EINTR) continue;
+      return 0;  // libcurl ends the transfer with CURLE_WRITE_ERROR
+    }
+    done += static_cast<size_t>(written);
+  }
+  curl_off_t expected = -1;
+  if (curl_easy_getinfo(task->transfer_->easy, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &expected) ==
+      CURLE_OK) {
+    task->expected_receive_.store(expected);
+  }
+  task->received_.fetch_add(static_cast<std::int64_t>(n));
+  task->session_->queueProgress(task->shared_from_this());
+  return n;
+}
+
+size_t URLSession::Core::readFile(char* buffer, size_t size, size_t count, void* user) {
+  auto* task = static_cast<URLSessionTask*>(user);
+  for (;;) {
+    ssize_t got = ::read(task->transfer_->fd, buffer, size * count);
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0) return CURL_READFUNC_ABORT;
+    task->sent_.fetch_add(got);
+    if (got > 0) task->session_->queueProgress(task->shared_from_this());
+    return static_cast<size_t>(got);
+  }
+}
+
+// A redirect that keeps the body (307, 308) sends the file again from the start.
+int URLSession::Core::seekFile(void* user, curl_off_t offset, int origin) {
+  auto* task = static_cast<URLSessionTask*>(user);
+  off_t position = ::lseek(task->transfer_->fd, static_cast<off_t>(offset), origin);
+  if (position < 0) return CURL_SEEKFUNC_FAIL;
+  task->sent_.store(static_cast<std::int64_t>(position));
+  return CURL_SEEKFUNC_OK;
+}
+
+ErrorRef URLSession::Core::configure(URLSessionTask& task,
+                                     const URLSessionConfiguration& configuration) {
+  URLSessionTask::Transfer& transfer = *task.transfer_;
+  const URLRequest& request = task.request_;
+  transfer.url = request.url().absoluteString();
+  if (!request.url().isHTTP())
+    return URLError(kURLErrorUnsupportedURL, "unsupported URL", transfer.url);
+  for (const auto& [field, value] : request.allHTTPHeaderFields()) {
+    if (!SendableHeader(field, value)) {
+      return URLError(kURLErrorBadURL, "The request has a header field that cannot be sent.",
+                      transfer.url);
+    }
+  }
+
+  CURL* easy = transfer.easy = curl_easy_init();
+  if (easy == nullptr)
+    return URLError(kURLErrorUnknown, "An unknown error occurred.", transfer.url);
+  curl_easy_setopt(easy, CURLOPT_URL, transfer.url.c_str());
+  curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
+  curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+  curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L);
+  curl_easy_setopt(easy, CURLOPT_MAXREDIRS, kMaxRedirects);
+  curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, 1L);
+  curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, 2L);
+  if (!configuration.caBundle.empty()) {
+    curl_easy_setopt(easy, CURLOPT_CAINFO, configuration.caBundle.c_str());
+  }
+  curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, transfer.error_text);
+  curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, kReceiveBufferSize);
+  curl_easy_setopt(easy, CURLOPT_UPLOAD_BUFFERSIZE, kUploadBufferSize);
+  curl_easy_setopt(easy, CURLOPT_PRIVATE, &task);
+
+  // The timeout is an idle timeout, as the platform's sessions have it: a transfer fails
+  // when connecting takes longer, or when no byte moves for that long, however long the
+  // whole transfer takes.
+  if (request.timeoutInterval() > 0) {
+    double seconds = request.timeoutInterval();
+    curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(seconds * 1000.0));
+    curl_easy_setopt(easy, CURLOPT_LOW_SPEED_LIMIT, 1L);
+    curl_easy_setopt(easy, CURLOPT_LOW_SPEED_TIME,
+                     std::max(1L, static_cast<long>(std::ceil(seconds))));
+  }
+
+  const std::string& method = request.httpMethod();
+  bool custom_expect = request.valueForHTTPHeaderField("Expect").has_value();
+  switch (task.kind_) {
+    case URLSessionTask::Kind::kUpload: {
+      int fd = ::open(task.file_.c_str(), O_RDONLY | O_CLOEXEC);
+      if (fd < 0) return FileOpenError(errno, task.file_, transfer.url);
+      transfer.fd = fd;
+      struct stat info {};
+      if (::fstat(fd, &info) != 0) return FileOpenError(errno, task.file_, transfer.url);
+      if (S_ISDIR(info.st_mode)) return FileOpenError(EISDIR, task.file_, transfer.url);
+      task.expected_send_.store(static_cast<std::int64_t>(info.st_size));
+      curl_easy_setopt(easy, CURLOPT_UPLOAD, 1L);
+      curl_easy_setopt(easy, CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(info.st_size));
+      curl_easy_setopt(easy, CURLOPT_READFUNCTION, &Core::readFile);
+      curl_easy_setopt(easy, CURLOPT_READDATA, &task);
+      curl_easy_setopt(easy, CURLOPT_SEEKFUNCTION, &Core::seekFile);
+      curl_easy_setopt(easy, CURLOPT_SEEKDATA, &task);
+      if (method != "PUT" && method != "GET") {
+        curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, method.c_str());
+      }
+      curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &Core::collectData);
+      curl_easy_setopt(easy, CURLOPT_WRITEDATA, &task);
+      break;
+    }
+    case URLSessionTask::Kind::kData:
+    case URLSessionTask::Kind::kDownload: {
+      const auto& body = request.httpBody();
+      bool bodiless = method == "GET" || method == "HEAD";
+      if (method == "HEAD") {
+        curl_easy_setopt(easy, CURLOPT_NOBODY, 1L);
+      } else if (bodiless) {
+        curl_easy_setopt(easy, CURLOPT_HTTPGET, 1L);
+      } else if (body || method == "POST" || method == "PUT" || method == "PATCH") {
+        // The body is the request's own bytes, which live as long as the task.
+        static const char kEmpty[] = "";
+        curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE,
+                         static_cast<curl_off_t>(body ? body->size() : 0));
+        curl_easy_setopt(
+            easy, CURLOPT_POSTFIELDS,
+            body && !body->empty() ? reinterpret_cast<const char*>(body->data()) : kEmpty);
+        task.expected_send_.store(body ? static_cast<std::int64_t>(body->size()) : 0);
+        if (method != "POST") curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, method.c_str());
+      } else {
+        curl_easy_setopt(easy, CURLOPT_HTTPGET, 1L);
+        curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, method.c_str());
+      }
+      if (task.kind_ == URLSessionTask::Kind::kDownload) {
+        std::error_code ignored;
+        std::vector<std::filesystem::path> folders;
+        if (!configuration.temporaryDirectory.empty())
+          folders.push_back(configuration.temporaryDirectory);
+        folders.push_back(std::filesystem::temp_directory_path(ignored));
+        int saved_errno = ENOENT;
+        for (const auto& folder : folders) {
+          std::string pattern = (folder / ".vm-download-XXXXXX").string();
+          int fd = ::mkostemp(pattern.data(), O_CLOEXEC);
+          if (fd >= 0) {
+            transfer.fd = fd;
+            transfer.temporary = pattern;
+            break;
+          }
+          saved_errno = errno;
+        }
+        if (transfer.fd < 0) {
+          return URLError(kURLErrorCannotCreateFile, "The file couldn't be created.", transfer.url,
+                          PosixError(saved_errno, folders.back()));
+        }
+        curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &Core::writeFile);
+      } else {
+        curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &Core::collectData);
+      }
+      curl_easy_setopt(easy, CURLOPT_WRITEDATA, &task);
+      break;
+    }
+  }
+
+  for (const auto& [field, value] : request.allHTTPHeaderFields()) {
+    transfer.headers =
+        curl_slist_append(transfer.headers, fmt::format("{}: {}", field, value).c_str());
+  }
+  // The platform's sessions never wait for "100 Continue"; neither do we.
+  if (!custom_expect) transfer.headers = curl_slist_append(transfer.headers, "Expect:");
+  curl_easy_setopt(easy, CURLOPT_HTTPHEADER, transfer.headers);
+  return nullptr;
+}
+
+void URLSession::Core::begin(const std::shared_ptr<URLSessionTask>& task) {
+  URLSession& session = *task->session_;
+  std::string url = task->request_.url().absoluteString();
+  // A cancel() that raced with resume() may have arrived before this command.
+  if (task->state_.load() == URLSessionTask::State::kCanceling) {
+    session.complete(task, Outcome{nullptr, std::nullopt, std::nullopt, CancelledError(url)});
+    return;
+  }
+  task->transfer_ = std::make_unique<URLSessionTask::Transfer>();
+  if (ErrorRef error = configure(*task, session.configuration_)) {
+    task->transfer_.reset();
+    session.complete(task, Outcome{nullptr, std::nullopt, std::nullopt, std::move(error)});
+    return;
+  }
+  CURL* easy = task->transfer_->easy;
+  running.emplace(easy, task);
+  curl_multi_add_handle(multi, easy);
+}
+
+void URLSession::Core::cancel(const std::shared_ptr<URLSessionTask>& task) {
+  if (!task->transfer_) return;  // finished already, or not begun (begin() sees the state)
+  CURL* easy = task->transfer_->easy;
+  if (running.erase(easy) == 0) return;
+  curl_multi_remove_handle(multi, easy);
+  task->transfer_.reset();
+  task->session_->complete(task, Outcome{nullptr, std::nullopt, std::nullopt,
+                                         CancelledError(task->request_.url().absoluteString())});
+}
+
+void URLSession::Core::finish(CURL* easy, CURLcode result) {
+  auto it = running.find(easy);
+  if (it == running.end()) return;
+  std::shared_ptr<URLSessionTask> task = std::move(it->second);
+  running.erase(it);
+  curl_multi_remove_handle(multi, easy);
+  URLSessionTask::Transfer& transfer = *task->transfer_;
+
+  Outcome outcome;
+  long status = 0;
+  curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
+  if (status > 0) {
+    HTTPHeaderFields fields;
+    struct curl_header* previous = nullptr;
+    while (struct curl_header* header = curl_easy_nextheader(easy, CURLH_HEADER, -1, previous)) {
+      fields.emplace_back(header->name, header->value);
+      previous = header;
+    }
+    char* effective = nullptr;
+    curl_easy_getinfo(easy, CURLINFO_EFFECTIVE_URL, &effective);
+    std::optional<URL> url = URL::URLWithString(effective ? effective : transfer.url);
+    curl_off_t length = -1;
+    curl_easy_getinfo(easy, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length);
+    outcome.response = std::make_shared<HTTPURLResponse>(
+        url.value_or(task->request_.url()), static_cast<int>(status), std::move(fields),
+        static_cast<std::int64_t>(length));
+  }
+  if (result == CURLE_OK) {
+    if (task->kind_ == URLSessionTask::Kind::kDownload) {
+      ::close(transfer.fd);
+      transfer.fd = -1;
+      outcome.location = std::move(transfer.temporary);
+      transfer.temporary.clear();
+    } else {
+      outcome.data = std::move(transfer.data);
+    }
+  } else {
+    outcome.error = URLSessionError(result, transfer.url, transfer.error_text);
+  }
+  task->transfer_.reset();
+  URLSession& session = *task->session_;
+  session.queueProgress(task);
+  session.complete(task, std::move(outcome));
+}
+
+// ---- URLSessionTask -----------------------------------------------------------------------
+
+URLSessionTask::URLSessionTask(std::shared_ptr<URLSession> session, Kind kind, URLRequest request,
+                               std::filesystem::path file, Completion completion)
+    : identifier_(next_task_identifier.fetch_add(1)),
+      kind_(kind),
+      request_(std::move(request)),
+      file_(std::move(file)),
+      session_(std::move(session)),
+      completion_(std::move(completion)) {}
+
+URLSessionTask::~URLSessionTask() = default;
+
+std::shared_ptr<const URLResponse> URLSessionTask::response() const {
+  std::lock_guard lock(mu_);
+  return response_;
+}
+
+ErrorRef URLSessionTask::error() const {
+  std::lock_guard lock(mu_);
+  return error_;
+}
+
+void URLSessionTask::resume() {
+  State expected = State::kSuspended;
+  if (!state_.compare_exchange_strong(expected, State::kRunning)) return;
+  delegate_ = session_->delegate_.lock();
+  session_->resumeTask(shared_from_this());
+}
+
+void URLSessionTask::cancel() {
+  State state = state_.load();
+  while (state == State::kSuspended || state == State::kRunning) {
+    if (state_.compare_exchange_weak(state, State::kCanceling)) break;
+  }
+  if (state == State::kSuspended) {
+    delegate_ = session_->delegate_.lock();
+    session_->complete(shared_from_this(),
+                       URLSession::Outcome{nullptr, std::nullopt, std::nullopt,
+                                           CancelledError(request_.url().absoluteString())});
+  } else if (state == State::kRunning) {
+    session_->cancelTask(shared_from_this());
+  }
+}
+
+// ---- URLSession ---------------------------------------------------------------------------
+
+URLSession::URLSession(URLSessionConfiguration configuration,
+                       std::weak_ptr<URLSessionDelegate> delegate,
+                       std::shared_ptr<DispatchQueue> delegateQueue)
+    : configuration_(std::move(configuration)),
+      delegate_(std::move(delegate)),
+      delegate_queue_(std::move(delegateQueue)),
+      core_(std::make_shared<Core>()) {}
+
+URLSession::~URLSession() { core_->shutDown(); }
+
+std::shared_ptr<URLSession> URLSession::sharedSession() {
+  // Never destroyed: its thread may be busy when the process exits.
+  static auto* shared = new std::shared_ptr<URLSession>(new URLSession(
+      URLSessionConfiguration::defaultSessionConfiguration(), {}, MakeSerialQueue()));
+  return *shared;
+}
+
+std::shared_ptr<URLSession> URLSession::sessionWithConfiguration(
+    URLSessionConfiguration configuration, std::weak_ptr<URLSessionDelegate> delegate,
+    std::shared_ptr<DispatchQueue> delegateQueue) {
+  return std::shared_ptr<URLSession>(
+      new URLSession(std::move(configuration), std::move(delegate), std::move(delegateQueue)));
+}
+
+std::shared_ptr<URLSessionTask> URLSession::makeTask(URLSessionTask::Kind kind, URLRequest request,
+                                                     std::filesystem::path file,
+                                                     URLSessionTask::Completion completion) {
+  return std::shared_ptr<URLSessionTask>(new URLSessionTask(
+      shared_from_this(), kind, std::move(request), std::move(file), std::move(completion)));
+}
+
+std::shared_ptr<URLSessionTask> URLSession::dataTaskWithRequest(
+    URLRequest request, URLSessionTask::Completion completion) {
+  return makeTask(URLSessionTask::Kind::kData, std::move(request), {}, std::move(completion));
+}
+
+std::shared_ptr<URLSessionTask> URLSession::uploadTaskWithRequest(
+    URLRequest request, std::filesystem::path fromFile, URLSessionTask::Completion completion) {
+  return makeTask(URLSessionTask::Kind::kUpload, std::move(request), std::move(fromFile),
+                  std::move(completion));
+}
+
+std::shared_ptr<URLSessionTask> URLSession::downloadTaskWithRequest(URLRequest request) {
+  return makeTask(URLSessionTask::Kind::kDownload, std::move(request), {}, {});
+}
+
+void URLSession::resumeTask(const std::shared_ptr<URLSessionTask>& task) {
+  core_->push(Core::Command{true, task});
+}
+
+void URLSession::cancelTask(const std::shared_ptr<URLSessionTask>& task) {
+  core_->push(Core::Command{false, task});
+}
+
+void URLSession::queueProgress(const std::shared_ptr<URLSessionTask>& task) {
+  if (task->kind_ == URLSessionTask::Kind::kData) return;
+  if (task->progress_queued_.exchange(true)) return;
+  delegate_queue_->async([task] { task->session_->deliverProgress(*task); });
+}
+
+void URLSession::deliverProgress(URLSessionTask& task) {
+  // Cleared before the counts are read, so that a change made meanwhile queues a report of
+  // its own instead of being lost.
+  task.progress_queued_.store(false);
+  const std::shared_ptr<URLSessionDelegate>& delegate = task.delegate_;
+  if (!delegate) return;
+  if (task.kind_ == URLSessionTask::Kind::kUpload) {
+    std::int64_t sent = task.sent_.load();
+    if (sent == task.reported_sent_) return;
+    std::int64_t delta = sent - task.reported_sent_;
+    task.reported_sent_ = sent;
+    delegate->didSendBodyData(*this, task, delta, sent, task.expected_send_.load());
+  } else {
+    std::int64_t received = task.received_.load();
+    if (received == task.reported_received_) return;
+    std::int64_t delta = received - task.reported_received_;
+    task.reported_received_ = received;
+    delegate->didWriteData(*this, task, delta, received, task.expected_receive_.load());
+  }
+}
+
+void URLSession::complete(const std::shared_ptr<URLSessionTask>& task, Outcome outcome) {
+  delegate_queue_->async([task, outcome = std::move(outcome)]() mutable {
+    URLSession& session = *task->session_;
+    {
+      std::lock_guard lock(task->mu_);
+      task->response_ = outcome.response;
+    }
+    std::shared_ptr<URLSessionDelegate> delegate = std::move(task->delegate_);
+    task->delegate_.reset();
+    if (outcome.location) {
+      if (delegate) delegate->didFinishDownloadingToURL(session, *task, *outcome.location);
+      std::error_code ignored;
+      std::filesystem::remove(*outcome.location, ignored);
+    }
+    {
+      std::lock_guard lock(task->mu_);
+      task->error_ = outcome.error;
+    }
+    task->state_.store(URLSessionTask::State::kCompleted);
+    URLSessionTask::Completion completion = std::move(task->completion_);
+    task->completion_ = nullptr;
+    if (completion) {
+      completion(std::move(outcome.data), outcome.response, outcome.error);
+    } else if (delegate) {
+      delegate->didCompleteWithError(session, *task, outcome.error);
+    }
+  });
+}
+
+}  // namespace vm

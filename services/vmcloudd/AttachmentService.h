@@ -1,0 +1,83 @@
+#ifndef VM_SERVICES_VMCLOUDD_ATTACHMENTSERVICE_H_
+#define VM_SERVICES_VMCLOUDD_ATTACHMENTSERVICE_H_
+
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/Error.h"
+#include "services/vmcloudd/SigV4Presigner.h"
+#include "services/vmcloudd/StorageProvider.h"
+
+namespace vm {
+
+struct AttachmentServiceOptions {
+  // Address to listen on; port 0 picks a free one (see AttachmentService::port()).
+  std::string host = "127.0.0.1";
+  int port = 0;
+  // Holds the records database and, in embedded mode, the blobs and their signing key.
+  std::filesystem::path data_dir;
+  // The texts accepted after "Authorization: Velmora ". At least one is required.
+  std::vector<std::string> tokens;
+  // Serve HTTPS with this certificate chain and key (PEM) when both are set.
+  std::filesystem::path tls_cert;
+  std::filesystem::path tls_key;
+  // Keep the bytes in this bucket instead of on local disk.
+  std::optional<S3Settings> s3;
+  // Base of the embedded blob URLs handed to clients, for a service behind a proxy or
+  // listening on a wildcard address; by default the scheme and bound address.
+  std::string public_url;
+  // How long handed-out upload and download URLs stay valid.
+  std::chrono::seconds url_lifetime{3600};
+  // Largest JSON request body accepted (413 above it).
+  std::size_t max_json_body = 64 * 1024;
+  // Largest attachment accepted, announced or uploaded (413 above it).
+  std::uint64_t max_blob_size = std::uint64_t{64} << 30;
+  // Requests served at the same time.
+  int threads = 16;
+  // Replaced by tests; the system clock otherwise.
+  ServiceClock clock;
+};
+
+// The reference attachment service: the web API under /v1/_internal/attachment that the
+// cloud scheme talks to, backed by SQLite records and a storage provider (blobs on local
+// disk served by this service, or an S3 bucket). Writes one log line per request
+// (subsystem "vmcloudd", category "http"), never with a URL's query, which may hold a
+// signature.
+//
+// Thread-safe. Requests run on a pool of `threads` threads; stop() and the destructor
+// wait for the serving thread to end.
+class AttachmentService {
+ public:
+  // Opens the records and the storage provider. Null with `*error` when a setting is
+  // unusable or the data folder cannot be used.
+  static std::unique_ptr<AttachmentService> Create(AttachmentServiceOptions options,
+                                                   ErrorRef* error);
+  ~AttachmentService();
+  AttachmentService(const AttachmentService&) = delete;
+  AttachmentService& operator=(const AttachmentService&) = delete;
+
+  // Binds the listening socket and starts serving on a background thread. Once it
+  // returns true, port() and baseURL() are valid and requests are accepted.
+  bool start(ErrorRef* error);
+  // Stops accepting, finishes the requests in progress and ends the serving thread.
+  // Safe to call more than once.
+  void stop();
+
+  int port() const;
+  // "http://127.0.0.1:PORT" (or https), the address clients should use.
+  std::string baseURL() const;
+
+ private:
+  class Impl;
+  explicit AttachmentService(std::unique_ptr<Impl> impl);
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace vm
+
+#endif  // VM_SERVICES_VMCLOUDD_ATTACHMENTSERVICE_H_

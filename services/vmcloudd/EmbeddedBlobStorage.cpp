@@ -1,0 +1,315 @@
+#include "services/vmcloudd/EmbeddedBlobStorage.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <httplib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <charconv>
+#include <system_error>
+
+#include "platform/UniqueID.h"
+#include "services/vmcloudd/ServiceError.h"
+#include "services/vmcloudd/internal/Crypto.h"
+#include "services/vmcloudd/internal/Responses.h"
+
+namespace vm {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::size_t kSigningKeySize = 32;
+constexpr std::size_t kReadChunk = 256 * 1024;
+constexpr std::string_view kSigningKeyFile = "url-signing.key";
+constexpr std::string_view kIncomingFolder = ".incoming";
+
+ErrorRef StorageError(std::string_view what, ErrorRef underlying) {
+  return CloudServiceError(kVMCloudServiceStorageFailed, what, std::move(underlying));
+}
+
+// Closes a descriptor when it goes out of scope.
+class FileDescriptor {
+ public:
+  explicit FileDescriptor(int fd = -1) : fd_(fd) {}
+  ~FileDescriptor() { reset(); }
+  FileDescriptor(const FileDescriptor&) = delete;
+  FileDescriptor& operator=(const FileDescriptor&) = delete;
+  int get() const { return fd_; }
+  void reset(int fd = -1) {
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = fd;
+  }
+
+ private:
+  int fd_;
+};
+
+bool WriteAll(int fd, const char* data, std::size_t size) {
+  while (size > 0) {
+    ssize_t written = ::write(fd, data, size);
+    if (written < 0) {
+      if (errno == EINTR) continue;
+      return false;
+    }
+    data += written;
+    size -= static_cast<std::size_t>(written);
+  }
+  return true;
+}
+
+// Reads the signing key, or makes one when there is none yet. O_EXCL makes the first of
+// two racing starts win; the loser reads the winner's key.
+std::optional<std::string> LoadOrCreateKey(const fs::path& file, ErrorRef* error) {
+  for (int attempt = 0; attempt < 2; ++attempt) {
+    FileDescriptor fd(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
+    if (fd.get() >= 0) {
+      std::string key(kSigningKeySize + 1, '\0');
+      ssize_t got = ::read(fd.get(), key.data(), key.size());
+      if (got != static_cast<ssize_t>(kSigningKeySize)) {
+        Fail(error, StorageError(fmt::format("The URL signing key {} is damaged: it must hold "
+                                             "exactly {} bytes",
+                                             file.string(), kSigningKeySize),
+                                 nullptr));
+        return std::nullopt;
+      }
+      key.resize(kSigningKeySize);
+      return key;
+    }
+    if (errno != ENOENT) {
+      Fail(error, PosixError(errno, file));
+      return std::nullopt;
+    }
+    auto key = internal::RandomBytes(kSigningKeySize);
+    if (!key) {
+      Fail(error, StorageError("The system's random generator failed", nullptr));
+      return std::nullopt;
+    }
+    FileDescriptor out(::open(file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    if (out.get() < 0) {
+      if (errno == EEXIST) continue;
+      Fail(error, PosixError(errno, file));
+      return std::nullopt;
+    }
+    if (!WriteAll(out.get(), key->data(), key->size()) || ::fsync(out.get()) != 0) {
+      int saved = errno;
+      ::unlink(file.c_str());
+      Fail(error, PosixError(saved, file));
+      return std::nullopt;
+    }
+    return key;
+  }
+  Fail(error, StorageError("The URL signing key could not be made", nullptr));
+  return std::nullopt;
+}
+
+std::optional<std::int64_t> ParseInteger(std::string_view text) {
+  std::int64_t value = 0;
+  auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (ec != std::errc() || end != text.data() + text.size()) return std::nullopt;
+  return value;
+}
+
+}  // namespace
+
+class EmbeddedBlobStorage::Impl {
+ public:
+  Impl(fs::path directory, std::string key, std::uint64_t max_blob_size, ServiceClock clock)
+      : directory_(std::move(directory)),
+        incoming_(directory_ / kIncomingFolder),
+        key_(std::move(key)),
+        max_blob_size_(max_blob_size),
+        clock_(std::move(clock)) {}
+
+  std::string signedURL(std::string_view method, std::string_view key,
+                        std::chrono::seconds lifetime) const {
+    std::int64_t expires =
+        std::chrono::duration_cast<std::chrono::seconds>((clock_() + lifetime).time_since_epoch())
+            .count();
+    return fmt::format("{}{}{}?expires={}&signature={}", base_url_, kRoutePrefix, key, expires,
+                       signature(method, key, expires));
+  }
+
+  std::string signature(std::string_view method, std::string_view key, std::int64_t expires) const {
+    return internal::HexEncode(internal::HmacSha256(
+        key_, fmt::format("{}\n{}{}\n{}", method, kRoutePrefix, key, expires)));
+  }
+
+  fs::path blobPath(std::string_view key) const { return directory_ / key; }
+
+  // Checks the URL a request came with. Sends the refusal and returns false when it
+  // does not grant `method` on the blob.
+  bool authorize(const httplib::Request& request, std::string_view method, const std::string& key,
+                 httplib::Response& response) const {
+    const std::string expires_text = request.get_param_value("expires");
+    const std::string given = request.get_param_value("signature");
+    auto expires = ParseInteger(expires_text);
+    if (!expires || given.empty() ||
+        !internal::ConstantTimeEquals(given, signature(method, key, *expires))) {
+      internal::SendErrorAndClose(response, 403, "forbidden", "The URL's signature does not match");
+      return false;
+    }
+    auto now = std::chrono::duration_cast<std::chrono::seconds>(clock_().time_since_epoch());
+    if (now.count() > *expires) {
+      internal::SendErrorAndClose(response, 403, "expired", "The URL has expired");
+      return false;
+    }
+    return true;
+  }
+
+  void handlePut(const httplib::Request& request, httplib::Response& response,
+                 const httplib::ContentReader& read) const {
+    auto key = ParseUUID(request.matches[1].str());
+    if (!key) return internal::SendErrorAndClose(response, 404, "not_found", "No such blob");
+    if (!authorize(request, "PUT", *key, response)) return;
+    if (request.has_header("Content-Length") &&
+        request.get_header_value<std::uint64_t>("Content-Length") > max_blob_size_) {
+      return internal::SendErrorAndClose(response, 413, "too_large",
+                                         "The blob is larger than this service accepts");
+    }
+    std::string temp = (incoming_ / (*key + ".XXXXXX")).string();
+    FileDescriptor fd(::mkstemp(temp.data()));
+    if (fd.get() < 0) {
+      return internal::SendErrorAndClose(response, 500, "storage_failed",
+                                         "The blob could not be stored");
+    }
+    std::uint64_t received = 0;
+    bool write_failed = false;
+    bool complete = read([&](const char* data, std::size_t size) {
+      received += size;
+      if (received > max_blob_size_ || !WriteAll(fd.get(), data, size)) {
+        write_failed = true;
+        return false;
+      }
+      return true;
+    });
+    if (complete && ::fdatasync(fd.get()) != 0) {
+      write_failed = true;
+    }
+    fd.reset();
+    if (!complete || write_failed || ::rename(temp.c_str(), blobPath(*key).c_str()) != 0) {
+      ::unlink(temp.c_str());
+      if (received > max_blob_size_) {
+        return internal::SendErrorAndClose(response, 413, "too_large",
+                                           "The blob is larger than this service accepts");
+      }
+      if (write_failed) {
+        return internal::SendErrorAndClose(response, 500, "storage_failed",
+                                           "The blob could not be stored");
+      }
+      return internal::SendErrorAndClose(response, 400, "incomplete",
+                                         "The body ended before it was complete");
+    }
+    response.status = 200;
+  }
+
+  void handleGet(const httplib::Request& request, httplib::Response& response) const {
+    auto key = ParseUUID(request.matches[1].str());
+    if (!key) return internal::SendError(response, 404, "not_found", "No such blob");
+    if (!authorize(request, "GET", *key, response)) return;
+    int fd = ::open(blobPath(*key).c_str(), O_RDONLY | O_CLOEXEC);
+    struct stat info {};
+    if (fd < 0 || ::fstat(fd, &info) != 0) {
+      if (fd >= 0) ::close(fd);
+      return internal::SendError(response, 404, "not_found", "No such blob");
+    }
+    // The descriptor keeps the bytes readable even if a new upload replaces or a
+    // deletion removes the file while this answer is being sent.
+    auto file = std::make_shared<FileDescriptor>(fd);
+    response.status = 200;
+    response.set_content_provider(
+        static_cast<std::size_t>(info.st_size), "application/octet-stream",
+        [file](std::size_t offset, std::size_t length, httplib::DataSink& sink) {
+          std::vector<char> buffer(std::min(length, kReadChunk));
+          ssize_t got =
+              ::pread(file->get(), buffer.data(), buffer.size(), static_cast<off_t>(offset));
+          if (got <= 0) return false;
+          return sink.write(buffer.data(), static_cast<std::size_t>(got));
+        });
+  }
+
+  fs::path directory_;
+  fs::path incoming_;
+  std::string key_;
+  std::uint64_t max_blob_size_;
+  ServiceClock clock_;
+  std::string base_url_;
+};
+
+std::unique_ptr<EmbeddedBlobStorage> EmbeddedBlobStorage::Open(const fs::path& directory,
+                                                               std::uint64_t max_blob_size,
+                                                               ServiceClock clock,
+                                                               ErrorRef* error) {
+  std::error_code ec;
+  fs::create_directories(directory / kIncomingFolder, ec);
+  if (ec) {
+    Fail(error, StorageError(fmt::format("Cannot make the blob folder {}", directory.string()),
+                             PosixError(ec, directory)));
+    return nullptr;
+  }
+  // Whatever is still incoming belonged to uploads that a stop cut short.
+  for (const auto& entry : fs::directory_iterator(directory / kIncomingFolder, ec)) {
+    std::error_code ignored;
+    fs::remove(entry.path(), ignored);
+  }
+  auto key = LoadOrCreateKey(directory / kSigningKeyFile, error);
+  if (!key) return nullptr;
+  return std::unique_ptr<EmbeddedBlobStorage>(new EmbeddedBlobStorage(
+      std::make_unique<Impl>(directory, std::move(*key), max_blob_size, std::move(clock))));
+}
+
+EmbeddedBlobStorage::EmbeddedBlobStorage(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
+EmbeddedBlobStorage::~EmbeddedBlobStorage() = default;
+
+void EmbeddedBlobStorage::setBaseURL(std::string base_url) {
+  while (!base_url.empty() && base_url.back() == '/') base_url.pop_back();
+  impl_->base_url_ = std::move(base_url);
+}
+
+void EmbeddedBlobStorage::installRoutes(httplib::Server* server) {
+  const std::string pattern = std::string(kRoutePrefix) + "([^/]+)";
+  Impl* impl = impl_.get();
+  server->Put(pattern, [impl](const httplib::Request& request, httplib::Response& response,
+                              const httplib::ContentReader& read) {
+    impl->handlePut(request, response, read);
+  });
+  server->Get(pattern, [impl](const httplib::Request& request, httplib::Response& response) {
+    impl->handleGet(request, response);
+  });
+}
+
+std::string EmbeddedBlobStorage::uploadURL(std::string_view key,
+                                           std::chrono::seconds lifetime) const {
+  return impl_->signedURL("PUT", key, lifetime);
+}
+
+std::string EmbeddedBlobStorage::downloadURL(std::string_view key,
+                                             std::chrono::seconds lifetime) const {
+  return impl_->signedURL("GET", key, lifetime);
+}
+
+bool EmbeddedBlobStorage::statObject(std::string_view key, StoredObject* object,
+                                     ErrorRef* error) const {
+  const fs::path path = impl_->blobPath(key);
+  struct stat info {};
+  if (::stat(path.c_str(), &info) != 0) {
+    if (errno == ENOENT) {
+      *object = StoredObject{};
+      return true;
+    }
+    return Fail(error, StorageError("Cannot look at a stored blob", PosixError(errno, path)));
+  }
+  *object = StoredObject{true, static_cast<std::uint64_t>(info.st_size)};
+  return true;
+}
+
+bool EmbeddedBlobStorage::removeObject(std::string_view key, ErrorRef* error) const {
+  const fs::path path = impl_->blobPath(key);
+  if (::unlink(path.c_str()) != 0 && errno != ENOENT) {
+    return Fail(error, StorageError("Cannot remove a stored blob", PosixError(errno, path)));
+  }
+  return true;
+}
+
+}  // namespace vm

@@ -1,0 +1,37 @@
+#ifndef VM_SERVICES_VMCLOUDD_S3STORAGE_H_
+#define VM_SERVICES_VMCLOUDD_S3STORAGE_H_
+
+#include <memory>
+
+#include "services/vmcloudd/SigV4Presigner.h"
+#include "services/vmcloudd/StorageProvider.h"
+
+namespace vm {
+
+// A bucket on any S3-compatible store. Clients get SigV4-presigned PUT and GET URLs; the
+// service itself checks an object with a presigned HEAD and removes it with a presigned
+// DELETE, over libcurl with TLS verification on and a 30-second limit per request.
+//
+// Thread-safe: each request uses its own curl handle.
+class S3Storage : public StorageProvider {
+ public:
+  // Null with `*error` when the settings are unusable (see SigV4Presigner::Make).
+  static std::unique_ptr<S3Storage> Create(const S3Settings& settings, ServiceClock clock,
+                                           ErrorRef* error);
+
+  std::string_view kind() const override { return "s3"; }
+  std::string uploadURL(std::string_view key, std::chrono::seconds lifetime) const override;
+  std::string downloadURL(std::string_view key, std::chrono::seconds lifetime) const override;
+  bool statObject(std::string_view key, StoredObject* object, ErrorRef* error) const override;
+  bool removeObject(std::string_view key, ErrorRef* error) const override;
+
+ private:
+  S3Storage(SigV4Presigner presigner, ServiceClock clock);
+
+  SigV4Presigner presigner_;
+  ServiceClock clock_;
+};
+
+}  // namespace vm
+
+#endif  // VM_SERVICES_VMCLOUDD_S3STORAGE_H_

@@ -1,0 +1,191 @@
+#include <gtest/gtest.h>
+
+#include "host/HXFileAttachmentScheme.h"
+#include "host/HostConstants.h"
+#include "host/sqlite/SqliteObjectContext.h"
+#include "host/sqlite/SqliteTransferManager.h"
+#include "tests/support/TempDir.h"
+
+namespace vm {
+namespace {
+
+using testing::TempDir;
+
+std::unique_ptr<SqliteObjectContext> Open(const TempDir& dir, std::int64_t offset = 345) {
+  ErrorRef error;
+  SqliteCreateOptions options;
+  options.primaryKeyOffset = offset;
+  options.customerID = 42;
+  options.username = "tester";
+  auto context = SqliteObjectContext::open(dir.path(), &error, options);
+  EXPECT_TRUE(context) << (error ? error->summary() : "");
+  return context;
+}
+
+TEST(SqliteObjectContextTest, EveryAttachmentFieldSurvivesReopen) {
+  TempDir dir;
+  const Date modified = Date(std::chrono::nanoseconds(1'700'000'000'123'456'789));
+  std::uint64_t key = 0;
+  {
+    auto context = Open(dir);
+    auto scheme = context->insertScheme("refs", "VMFileReferenceAttachment");
+    scheme->setInfoData(Bytes{1, 2, 3});
+    auto a = context->insertAttachment();
+    a->setName("report.pdf");
+    a->setAttachmentPath("~/Documents/report.pdf");
+    a->setIsRelativePath(true);
+    a->setAttachmentModifyDate(modified);
+    a->setUploaded(false);
+    a->setAttachmentUUID("abc");
+    a->setEncryptionData(Bytes{9, 8});
+    a->setFileAttachmentScheme(scheme);
+    a->setObject(Bytes(20, 0xAB), kHXFileAttachmentSourceHash);
+    a->setObject(std::int64_t{2}, kHXFileAttachmentStorageTypeKey);
+    key = a->primaryKeyValue();
+    ErrorRef error;
+    ASSERT_TRUE(context->saveChanges(&error)) << error->summary();
+    EXPECT_FALSE(a->hasChanges());
+  }
+  auto context = Open(dir, /*offset ignored on reopen*/ 7);
+  EXPECT_EQ(context->primaryKeyOffset(), 345);
+  EXPECT_EQ(context->databaseIdentifier().customerID, 42u);
+  EXPECT_EQ(context->user().username, "tester");
+  EXPECT_EQ(key % 1000, 345u);
+  auto a = context->attachmentWithPrimaryKey(key);
+  ASSERT_TRUE(a);
+  EXPECT_EQ(a, context->attachmentWithPrimaryKey(key));  // one object per row
+  EXPECT_EQ(a->name(), "report.pdf");
+  EXPECT_EQ(a->attachmentPath(), "~/Documents/report.pdf");
+  EXPECT_TRUE(a->isRelativePath());
+  EXPECT_EQ(a->attachmentModifyDate(), modified);
+  EXPECT_EQ(a->attachmentCreateDate(), std::nullopt);
+  EXPECT_EQ(a->uploaded(), false);
+  EXPECT_EQ(a->attachmentUUID(), "abc");
+  EXPECT_EQ(a->encryptionData(), (Bytes{9, 8}));
+  ASSERT_TRUE(a->fileAttachmentScheme());
+  EXPECT_EQ(a->fileAttachmentScheme()->name(), "refs");
+  EXPECT_EQ(a->fileAttachmentScheme()->infoData(), (Bytes{1, 2, 3}));
+  EXPECT_EQ(a->objectForKeyedSubscript(kHXFileAttachmentSourceHash), KeyedValue(Bytes(20, 0xAB)));
+  EXPECT_EQ(a->objectForKeyedSubscript(kHXFileAttachmentStorageTypeKey),
+            KeyedValue(std::int64_t{2}));
+}
+
+TEST(SqliteObjectContextTest, UpgradesAnOlderSchemaKeepingRows) {
+  TempDir dir;
+  {
+    ErrorRef error;
+    auto old = SqliteObjectContext::openAtSchemaVersion(dir.path(), 1, &error);
+    ASSERT_TRUE(old) << error->summary();
+    EXPECT_EQ(old->schemaVersion(), 1);
+    auto a = old->insertAttachment();
+    a->setName("kept.txt");
+    ASSERT_TRUE(old->saveChanges(&error)) << error->summary();
+  }
+  auto context = Open(dir);
+  EXPECT_EQ(context->schemaVersion(), 2);
+  auto all = context->allAttachments();
+  ASSERT_EQ(all.size(), 1u);
+  EXPECT_EQ(all[0]->name(), "kept.txt");
+}
+
+TEST(SqliteObjectContextTest, FetchesHonourTrashPermissionsQualifiersAndBoundSQL) {
+  TempDir dir;
+  auto context = Open(dir);
+  auto make = [&](const std::string& uuid) {
+    auto a = context->insertAttachment();
+    a->setAttachmentUUID(uuid);
+    return a;
+  };
+  auto visible = make("u1");
+  auto trashed = make("u2");
+  auto hidden = make("u3");
+  ErrorRef error;
+  ASSERT_TRUE(context->saveChanges(&error));
+  ASSERT_TRUE(context->setRowFlags(*trashed, true, false, &error));
+  ASSERT_TRUE(context->setRowFlags(*hidden, false, true, &error));
+
+  BWPFetchSpecification spec{std::string(HXFileAttachment::kEntityName), nullptr, {}};
+  BWPFetchRequest plain(spec);
+  EXPECT_EQ(context->resultsForFetchRequest(plain).size(), 1u);
+  BWPFetchRequest everything(spec);
+  everything.setOverrideTrashSystem(true);
+  everything.setOverridePermissionsSystem(true);
+  EXPECT_EQ(context->resultsForFetchRequest(everything).size(), 3u);
+
+  // A UUID list is bound, never spliced: a hostile value matches nothing and runs nothing.
+  BWPFetchRequest raw(spec);
+  raw.setOverrideTrashSystem(true);
+  raw.setRawSQLWhere("attachmentUUID IN (?,?)",
+                     {std::string("u2"), std::string("\") OR 1=1; DROP TABLE attachments; --")});
+  FetchResults found = context->resultsForFetchRequest(raw, &error);
+  ASSERT_EQ(found.size(), 1u);
+  EXPECT_EQ(found[0], trashed);
+
+  BWPFetchRequest qualified(
+      {spec.entityName,
+       BDKeyValueQualifier::qualifierWhereValueOfKey("attachmentUUID", std::string("u3")),
+       {}});
+  qualified.setOverridePermissionsSystem(true);
+  EXPECT_EQ(context->resultsForFetchRequest(qualified), FetchResults{hidden});
+
+  BWPFetchRequest bad_key(
+      {spec.entityName,
+       BDKeyValueQualifier::qualifierWhereValueOfKey("x; DROP", std::int64_t{1}),
+       {}});
+  ErrorRef bad;
+  EXPECT_TRUE(context->resultsForFetchRequest(bad_key, &bad).empty());
+  EXPECT_TRUE(bad);
+}
+
+TEST(SqliteObjectContextTest, TwoContextsOnOneFolderNeverShareAKey) {
+  TempDir dir;
+  auto first = Open(dir);
+  auto second = Open(dir);
+  std::set<std::uint64_t> keys;
+  for (int i = 0; i < 20; ++i) {
+    keys.insert(first->insertAttachment()->primaryKeyValue());
+    keys.insert(second->insertAttachment()->primaryKeyValue());
+  }
+  EXPECT_EQ(keys.size(), 40u);
+  for (std::uint64_t key : keys) EXPECT_EQ(key % 1000, 345u);
+}
+
+TEST(SqliteObjectContextTest, TransfersMoveTheirFilePersistAndCleanUp) {
+  TempDir dir;
+  std::filesystem::path crypt = dir / "work" / "crypt";
+  testing::WriteFile(crypt, "secret");
+  std::filesystem::path folder;
+  {
+    auto context = Open(dir);
+    auto a = context->insertAttachment();
+    a->setAttachmentUUID("uuid-1");
+    ErrorRef error;
+    ASSERT_TRUE(context->saveChanges(&error));
+    std::string path = crypt.string();
+    std::shared_ptr<HXFileAttachmentTransferDelegate> delegate;
+    auto transfer = context->attachmentTransferManager()->registerTransferPath(
+        &path, a, &delegate, kTransferOperationUpload, true, &error);
+    ASSERT_TRUE(transfer) << error->summary();
+    EXPECT_FALSE(std::filesystem::exists(crypt));
+    EXPECT_EQ(testing::ReadFile(path), "secret");
+    EXPECT_EQ(transfer->attachmentPath(), path);
+    folder = std::filesystem::path(path).parent_path();
+    EXPECT_EQ(folder.parent_path(), context->attachmentTransferManager()->basepath());
+
+    auto no_uuid = context->insertAttachment();
+    std::string other = (dir / "other").string();
+    EXPECT_FALSE(context->attachmentTransferManager()->registerTransferPath(
+        &other, no_uuid, &delegate, kTransferOperationUpload, false, &error));
+  }
+  auto context = Open(dir);
+  auto uploads = context->attachmentTransferManager()->transfersForOperationType(0);
+  ASSERT_EQ(uploads.size(), 1u);
+  EXPECT_EQ(uploads[0]->attachmentID(), "uuid-1");
+  ASSERT_TRUE(uploads[0]->attachment());
+  context->attachmentTransferManager()->removeTransferForAttachmentIdentifier("uuid-1");
+  EXPECT_TRUE(context->attachmentTransferManager()->transfersForOperationType(0).empty());
+  EXPECT_FALSE(std::filesystem::exists(folder));
+}
+
+}  // namespace
+}  // namespace vm

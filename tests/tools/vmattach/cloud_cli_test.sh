@@ -1,0 +1,44 @@
+#!/usr/bin/env bash
+# vmattach's cloud commands against the reference service on loopback: what one process
+# uploads, the next downloads and deletes.
+set -u
+vmattach=$1
+vmcloudd=$2
+work=$(mktemp -d)
+"$vmcloudd" --listen 127.0.0.1:0 --data "$work/service" --token sekrit >"$work/service.log" 2>&1 &
+service=$!
+trap 'kill "$service" 2>/dev/null; wait "$service" 2>/dev/null; rm -rf "$work"' EXIT
+passed=0
+failed=0
+check() {  # check NAME CONDITION...
+  local name=$1
+  shift
+  if "$@"; then passed=$((passed + 1)); else failed=$((failed + 1)); echo "FAILED: $name"; fi
+}
+
+for _ in $(seq 100); do
+  port=$(sed -n 's/^listening on 127\.0\.0\.1:\([0-9]*\)$/\1/p' "$work/service.log")
+  [ -n "$port" ] && break
+  sleep 0.1
+done
+api=(--api "http://127.0.0.1:$port" --token sekrit)
+head -c 200000 /dev/urandom >"$work/file"
+
+uuid=$("$vmattach" cloud upload "$work/file" "${api[@]}")
+check "upload prints a lower-case UUID" grep -Eq '^[0-9a-f-]{36}$' <<<"$uuid"
+check "download brings the same bytes" "$vmattach" cloud download "$uuid" "$work/back" "${api[@]}"
+check "the bytes match" cmp -s "$work/file" "$work/back"
+"$vmattach" cloud download "$uuid" "$work/back" "${api[@]}" 2>"$work/err"
+check "an existing destination fails with EEXIST" grep -q 'NSPOSIXErrorDomain 17' "$work/err"
+check "delete succeeds" "$vmattach" cloud delete "$uuid" "${api[@]}"
+check "a deleted attachment cannot be downloaded" \
+  test "$("$vmattach" cloud download "$uuid" "$work/gone" "${api[@]}" 2>/dev/null; echo $?)" -ne 0
+"$vmattach" cloud upload "$work/file" --api "http://127.0.0.1:$port" --token wrong 2>"$work/err"
+check "a refused token exits non-zero with an error" grep -q 'vmattach: .*(' "$work/err"
+"$vmattach" scheme add cloud --type cloud --api "http://127.0.0.1:$port" --token sekrit \
+  --data-dir "$work/data" >/dev/null
+check "the data folder's cloud scheme names the service and the token" \
+  "$vmattach" cloud upload "$work/file" --data-dir "$work/data"
+
+echo "vmattach cloud: $passed passed, $failed failed"
+test "$failed" -eq 0

@@ -1,0 +1,366 @@
+#include "tools/vmattach/CoreCommands.h"
+
+#include <fmt/format.h>
+
+#include <iostream>
+#include <nlohmann/json.hpp>
+
+#include "VMAttachments/schemes/ShareSchemes.h"
+#include "VMAttachments/schemes/VMAFPAttachment.h"
+#include "VMAttachments/schemes/VMArchiverAttachment.h"
+#include "VMAttachments/schemes/VMFileReferenceAttachment.h"
+#include "VMAttachments/telemetry/AttachmentTelemetry.h"
+#include "host/HXAttachmentCache.h"
+#include "host/HXFileAttachmentScheme.h"
+#include "host/HostConstants.h"
+#include "platform/UniqueID.h"
+#include "tools/vmattach/Host.h"
+
+namespace vm::vmattach {
+namespace {
+
+constexpr auto kTransferTimeout = std::chrono::seconds(600);
+
+struct SchemeOptions {
+  std::string name;
+  std::string type;
+  std::string server;
+  std::string user;
+  std::string password;
+  std::string folder;
+  std::string api;
+  std::string token;
+};
+
+struct AttachmentOptions {
+  std::string file;
+  std::string scheme;
+  std::string path;
+  std::uint64_t id = 0;
+  std::string to;
+};
+
+ErrorRef ToolError(std::int64_t code, std::string description) {
+  return Error::WithDescription(kVMFileAttachmentDomain, code, description);
+}
+
+// Handlers that answer within the call and send no outcome for a store.
+bool IsSynchronousScheme(const std::string& class_name) {
+  return class_name == VMFileReferenceAttachment::kClassName ||
+         class_name == VMLocalFileReferenceScheme::kClassName;
+}
+
+// Fails with code 500 ("scheme not found") and reports it to the attachment telemetry.
+int SchemeNotFound(const std::string& what) {
+  ErrorRef error = ToolError(500, what);
+  AttachmentTelemetry::logError(error);
+  return ReportFailure(error);
+}
+
+void PrintJSON(const nlohmann::json& value) { std::cout << value.dump(2) << "\n"; }
+
+int RunInit(const GlobalOptions& options) {
+  ErrorRef error;
+  auto context = OpenHost(options, &error);
+  if (!context) return ReportFailure(error);
+  if (options.json) {
+    PrintJSON({{"dataDirectory", context->dataDirectory().string()},
+               {"databaseUUID", context->databaseUUID()},
+               {"primaryKeyOffset", context->primaryKeyOffset()}});
+  } else {
+    fmt::print("{}\n", context->dataDirectory().string());
+  }
+  return 0;
+}
+
+int RunSchemeAdd(const GlobalOptions& options, const SchemeOptions& scheme_options) {
+  std::string class_name = HandlerClassForType(scheme_options.type);
+  if (class_name.empty()) {
+    return ReportFailure(fmt::format("unknown scheme type \"{}\"", scheme_options.type));
+  }
+  bool share = scheme_options.type == "afp" || scheme_options.type == "archiver";
+  if (scheme_options.type == "afp" && scheme_options.server.empty()) {
+    return ReportFailure("an afp scheme needs --server URL");
+  }
+  if (scheme_options.type == "archiver" && scheme_options.folder.empty()) {
+    return ReportFailure("an archiver scheme needs --folder PATH");
+  }
+  ErrorRef error;
+  auto context = OpenHost(options, &error);
+  if (!context) return ReportFailure(error);
+  if (context->schemeNamed(scheme_options.name)) {
+    return ReportFailure(fmt::format("a scheme named \"{}\" exists already", scheme_options.name));
+  }
+  auto scheme = context->insertScheme(scheme_options.name, class_name);
+  if (share) {
+    // The folder is kept absolute: lookups also try it below /Volumes, which needs a
+    // leading "/".
+    std::string folder = scheme_options.folder;
+    if (!folder.empty()) folder = std::filesystem::absolute(folder).lexically_normal().string();
+    scheme->setInfoData(MakeShareSettingsInfoData(scheme_options.server, scheme_options.user,
+                                                  scheme_options.password, folder));
+  }
+  if (scheme_options.type == "cloud") {
+    if (!scheme_options.api.empty() &&
+        !context->setSetting("velmoraAPI", scheme_options.api, &error)) {
+      return ReportFailure(error);
+    }
+    if (!scheme_options.token.empty() &&
+        !context->setSetting("cloudToken", scheme_options.token, &error)) {
+      return ReportFailure(error);
+    }
+  }
+  if (!context->saveChanges(&error)) return ReportFailure(error);
+  if (options.json) {
+    PrintJSON({{"id", scheme->primaryKeyValue()},
+               {"name", scheme->name()},
+               {"type", scheme_options.type}});
+  } else {
+    fmt::print("{}\n", scheme->name());
+  }
+  return 0;
+}
+
+int RunSchemeList(const GlobalOptions& options) {
+  ErrorRef error;
+  auto context = OpenHost(options, &error);
+  if (!context) return ReportFailure(error);
+  auto schemes = context->allSchemes(&error);
+  if (error) return ReportFailure(error);
+  nlohmann::json out = nlohmann::json::array();
+  for (const auto& scheme : schemes) {
+    std::string type = TypeForHandlerClass(scheme->handlerClassName());
+    if (options.json) {
+      out.push_back({{"id", scheme->primaryKeyValue()},
+                     {"name", scheme->name()},
+                     {"type", type},
+                     {"handlerClass", scheme->handlerClassName()}});
+    } else {
+      fmt::print("{}\t{}\t{}\n", scheme->primaryKeyValue(), scheme->name(), type);
+    }
+  }
+  if (options.json) PrintJSON(out);
+  return 0;
+}
+
+int RunStore(const GlobalOptions& options, const AttachmentOptions& store) {
+  ErrorRef error;
+  auto context = OpenHost(options, &error);
+  if (!context) return ReportFailure(error);
+  auto scheme = context->schemeNamed(store.scheme);
+  if (!scheme) return SchemeNotFound(fmt::format("No scheme named \"{}\".", store.scheme));
+  auto handler = scheme->schemeHandler();
+  if (!handler) {
+    return SchemeNotFound(fmt::format("The handler of scheme \"{}\" ({}) is not available.",
+                                      store.scheme, scheme->handlerClassName()));
+  }
+
+  auto attachment = context->insertAttachment();
+  std::filesystem::path source;
+  if (!store.file.empty() && store.file[0] == '~') {
+    // Kept as typed, so that the reference follows the home folder of whoever opens it.
+    attachment->setAttachmentPath(store.file);
+    attachment->setIsRelativePath(true);
+    source = ExpandTildeInPath(store.file);
+  } else {
+    source = std::filesystem::absolute(store.file).lexically_normal();
+    attachment->setAttachmentPath(source.string());
+  }
+  attachment->setName(source.filename().string());
+  attachment->setAttachmentUUID(ToLower(MakeUniqueID()));
+  attachment->setFileAttachmentScheme(scheme);
+  attachment->updateMissingDetailsFromURL(source);
+  auto delegate = std::make_shared<CommandDelegate>("store");
+  attachment->setDelegate(delegate);
+
+  std::string relative = store.path;
+  if (relative.empty()) {
+    if (auto cache = HXAttachmentCache::sharedCache()) {
+      relative = cache->relativeFilePathForObject(*attachment);
+    }
+  }
+  if (!handler->storeFile(source, relative, attachment, delegate, &error)) {
+    return ReportFailure(error ? error : delegate->error());
+  }
+  if (!IsSynchronousScheme(handler->className())) {
+    if (!delegate->waitForOutcome(kTransferTimeout)) {
+      return ReportFailure("the store did not finish in time");
+    }
+    if (!delegate->finished()) return ReportFailure(delegate->error());
+  }
+  if (handler->className() == VMArchiverAttachment::kClassName) {
+    // The archiver finds an attachment by its path relative to the storage folder.
+    attachment->setAttachmentPath(AppendPathComponent(relative, attachment->name()).string());
+  }
+  // Only a stored attachment is written: a failed store leaves the database as it was.
+  if (!context->saveChanges(&error)) return ReportFailure(error);
+  if (options.json) {
+    PrintJSON(AttachmentToJSON(*attachment));
+  } else {
+    fmt::print("{}\n", attachment->primaryKeyValue());
+  }
+  return 0;
+}
+
+// The attachment of `id` and its handler, or a failure already reported.
+struct Loaded {
+  std::unique_ptr<SqliteObjectContext> context;
+  std::shared_ptr<HXFileAttachment> attachment;
+  std::shared_ptr<HXFileAttachmentSchemeHandler> handler;
+  int exit_code = 0;
+};
+
+Loaded LoadAttachment(const GlobalOptions& options, std::uint64_t id, bool need_handler) {
+  Loaded loaded;
+  ErrorRef error;
+  loaded.context = OpenHost(options, &error);
+  if (!loaded.context) {
+    loaded.exit_code = ReportFailure(error);
+    return loaded;
+  }
+  loaded.attachment = loaded.context->attachmentWithPrimaryKey(id);
+  if (!loaded.attachment) {
+    loaded.exit_code = ReportFailure(fmt::format("no attachment with id {}", id));
+    return loaded;
+  }
+  if (!need_handler) return loaded;
+  auto scheme = loaded.attachment->fileAttachmentScheme();
+  loaded.handler = scheme ? scheme->schemeHandler() : nullptr;
+  if (!loaded.handler) {
+    loaded.exit_code = SchemeNotFound(fmt::format("Attachment {} has no usable scheme.", id));
+  }
+  return loaded;
+}
+
+int RunRetrieve(const GlobalOptions& options, const AttachmentOptions& retrieve) {
+  Loaded loaded = LoadAttachment(options, retrieve.id, true);
+  if (!loaded.handler) return loaded.exit_code;
+  std::filesystem::path destination = retrieve.to;
+  std::error_code ec;
+  std::filesystem::create_directories(destination, ec);
+  if (ec) return ReportFailure(PosixError(ec, destination));
+
+  auto delegate = std::make_shared<CommandDelegate>("retrieve");
+  loaded.attachment->setDelegate(delegate);
+  ErrorRef error;
+  if (!loaded.handler->retrieveAttachment(loaded.attachment, destination, delegate, &error)) {
+    return ReportFailure(error ? error : delegate->error());
+  }
+  if (!delegate->done() && !delegate->waitForOutcome(kTransferTimeout)) {
+    return ReportFailure("the retrieval did not finish in time");
+  }
+  if (!delegate->finished()) return ReportFailure(delegate->error());
+  if (!loaded.context->saveChanges(&error)) return ReportFailure(error);
+  if (options.json) {
+    PrintJSON({{"id", retrieve.id}, {"status", "finished"}, {"destination", destination.string()}});
+  } else {
+    fmt::print("finished\n");
+  }
+  return 0;
+}
+
+int RunURL(const GlobalOptions& options, std::uint64_t id) {
+  Loaded loaded = LoadAttachment(options, id, true);
+  if (!loaded.handler) return loaded.exit_code;
+  std::optional<std::filesystem::path> url = loaded.handler->attachmentURL(loaded.attachment);
+  if (!url) return ReportFailure(fmt::format("attachment {} cannot be opened in place", id));
+  if (options.json) {
+    PrintJSON({{"id", id}, {"url", url->string()}});
+  } else {
+    fmt::print("{}\n", url->string());
+  }
+  return 0;
+}
+
+int RunList(const GlobalOptions& options) {
+  ErrorRef error;
+  auto context = OpenHost(options, &error);
+  if (!context) return ReportFailure(error);
+  auto attachments = context->allAttachments(&error);
+  if (error) return ReportFailure(error);
+  nlohmann::json out = nlohmann::json::array();
+  for (const auto& attachment : attachments) {
+    if (options.json) {
+      out.push_back(AttachmentToJSON(*attachment));
+      continue;
+    }
+    auto scheme = attachment->fileAttachmentScheme();
+    fmt::print("{}\t{}\t{}\t{}\n", attachment->primaryKeyValue(), scheme ? scheme->name() : "-",
+               attachment->uploaded().value_or(false) ? "stored" : "pending", attachment->name());
+  }
+  if (options.json) PrintJSON(out);
+  return 0;
+}
+
+int RunShow(const GlobalOptions& options, std::uint64_t id) {
+  Loaded loaded = LoadAttachment(options, id, false);
+  if (!loaded.attachment) return loaded.exit_code;
+  nlohmann::json out = AttachmentToJSON(*loaded.attachment);
+  if (options.json) {
+    PrintJSON(out);
+  } else {
+    for (const auto& [key, value] : out.items()) {
+      fmt::print("{}: {}\n", key, value.is_string() ? value.get<std::string>() : value.dump());
+    }
+  }
+  return 0;
+}
+
+}  // namespace
+
+void AddCoreCommands(CLI::App& app, const GlobalOptions& options, int* exit_code) {
+  CLI::App* init = app.add_subcommand("init", "Create the data folder (or check an existing one)");
+  SetCommandBody(init, exit_code, [&options] { return RunInit(options); });
+
+  CLI::App* scheme = app.add_subcommand("scheme", "Configure storage schemes");
+  scheme->require_subcommand(1);
+  auto scheme_options = std::make_shared<SchemeOptions>();
+  CLI::App* add = scheme->add_subcommand("add", "Add a scheme");
+  add->add_option("name", scheme_options->name, "Scheme name")->required();
+  add->add_option("--type", scheme_options->type, "reference, afp, archiver or cloud")
+      ->required()
+      ->check(CLI::IsMember({"reference", "afp", "archiver", "cloud"}));
+  add->add_option("--server", scheme_options->server, "Share URL (afp, archiver)");
+  add->add_option("--user", scheme_options->user, "Share user name");
+  add->add_option("--password", scheme_options->password,
+                  "Share password (or set VMATTACH_SHARE_PASSWORD, which stays out of ps)")
+      ->envname("VMATTACH_SHARE_PASSWORD");
+  add->add_option("--folder", scheme_options->folder, "Storage folder (archiver)");
+  add->add_option("--api", scheme_options->api, "Attachment service base URL (cloud)");
+  add->add_option("--token", scheme_options->token, "Attachment service token (cloud)");
+  SetCommandBody(add, exit_code,
+                 [&options, scheme_options] { return RunSchemeAdd(options, *scheme_options); });
+  CLI::App* list_schemes = scheme->add_subcommand("list", "List the schemes");
+  SetCommandBody(list_schemes, exit_code, [&options] { return RunSchemeList(options); });
+
+  auto store_options = std::make_shared<AttachmentOptions>();
+  CLI::App* store = app.add_subcommand("store", "Store a file as a new attachment; prints its id");
+  store->add_option("file", store_options->file, "The file (a leading ~ is kept as typed)")
+      ->required();
+  store->add_option("--scheme", store_options->scheme, "Scheme name")->required();
+  store->add_option("--path", store_options->path, "Relative folder on the storage");
+  SetCommandBody(store, exit_code,
+                 [&options, store_options] { return RunStore(options, *store_options); });
+
+  auto retrieve_options = std::make_shared<AttachmentOptions>();
+  CLI::App* retrieve = app.add_subcommand("retrieve", "Bring an attachment's bytes back");
+  retrieve->add_option("id", retrieve_options->id, "Attachment id")->required();
+  retrieve->add_option("--to", retrieve_options->to, "Destination folder")->required();
+  SetCommandBody(retrieve, exit_code,
+                 [&options, retrieve_options] { return RunRetrieve(options, *retrieve_options); });
+
+  auto url_id = std::make_shared<std::uint64_t>(0);
+  CLI::App* url = app.add_subcommand("url", "Print where the attachment can be opened in place");
+  url->add_option("id", *url_id, "Attachment id")->required();
+  SetCommandBody(url, exit_code, [&options, url_id] { return RunURL(options, *url_id); });
+
+  CLI::App* list = app.add_subcommand("list", "List the attachments");
+  SetCommandBody(list, exit_code, [&options] { return RunList(options); });
+
+  auto show_id = std::make_shared<std::uint64_t>(0);
+  CLI::App* show = app.add_subcommand("show", "Show one attachment");
+  show->add_option("id", *show_id, "Attachment id")->required();
+  SetCommandBody(show, exit_code, [&options, show_id] { return RunShow(options, *show_id); });
+}
+
+}  // namespace vm::vmattach

@@ -1,0 +1,25 @@
+// vmattach: stores, retrieves and inspects attachments through the VMAttachments schemes,
+// with a SQLite data folder as the host.
+
+#include <CLI/CLI.hpp>
+
+#include "tools/vmattach/CloudCommand.h"
+#include "tools/vmattach/Command.h"
+#include "tools/vmattach/CoreCommands.h"
+
+int main(int argc, char** argv) {
+  using namespace vm::vmattach;
+  CLI::App app{"vmattach: store and retrieve attachments", "vmattach"};
+  app.require_subcommand(1);
+  GlobalOptions options;
+  // Every command accepts these, before or after its own arguments.
+  app.add_option("--data-dir", options.data_dir, "Data folder")->envname("VMATTACH_DATA_DIR");
+  app.add_flag("--json", options.json, "Machine-readable output");
+  app.fallthrough();
+
+  int exit_code = 0;
+  AddCoreCommands(app, options, &exit_code);
+  AddCloudCommands(app, options, &exit_code);
+  CLI11_PARSE(app, argc, argv);
+  return exit_code;
+}
