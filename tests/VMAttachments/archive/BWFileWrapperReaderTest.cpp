@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "VMAttachments/archive/BWFileWrapper.h"
 #include "VMAttachments/archive/BWFileWrapperReader.h"
@@ -139,12 +140,19 @@ TEST(BWFileWrapperReaderTest, FailuresReportTheirDomainAndCode) {
       {"directory without path", ArchiveBytes().magic().info(R"({"type":"x"})").bytes(), 2,
        std::nullopt, 0},
   };
-  for (const Case& c : cases) {
+  // Paths that would land outside the destination are refused before anything is written.
+  std::vector<Case> all(std::begin(cases), std::end(cases));
+  for (const char* path : {"../escaped", "a/../../escaped", "./../escaped", "/dev/null/escaped"}) {
+    all.push_back({path, ArchiveBytes().magic().info(Info(path, kRegular)).data("x").bytes(), 0,
+                   BWFileWrapperErrorDomain, kBWFileWrapperUnsafePathError});
+  }
+  for (const Case& c : all) {
     SCOPED_TRACE(c.name);
     TempDir temp;
     const ErrorRef sentinel = Error::Make("sentinel", -1);
     Outcome outcome = Unpack(temp, c.archive, temp / "dest", sentinel);
     EXPECT_EQ(outcome.result, c.result);
+    EXPECT_EQ(std::distance(fs::directory_iterator(temp.path()), fs::directory_iterator()), 2);
     if (!c.domain) {
       EXPECT_EQ(outcome.error, sentinel);
       continue;
@@ -155,22 +163,8 @@ TEST(BWFileWrapperReaderTest, FailuresReportTheirDomainAndCode) {
   }
 }
 
-TEST(BWFileWrapperReaderTest, RefusesPathsLeavingTheDestination) {
+TEST(BWFileWrapperReaderTest, PathsMayClimbOnlyWithinTheDestination) {
   TempDir temp;
-  const fs::path absolute = temp / "absolute";
-  const std::string refused[] = {"../escaped", "a/../../escaped", "./../escaped",
-                                 absolute.string()};
-  for (const std::string& path : refused) {
-    SCOPED_TRACE(path);
-    std::string archive = ArchiveBytes().magic().info(Info(path, kRegular)).data("payload").bytes();
-    Outcome outcome = Unpack(temp, archive, temp / "dest/inner", nullptr);
-    EXPECT_EQ(outcome.result, 0);
-    ASSERT_TRUE(outcome.error);
-    EXPECT_EQ(outcome.error->domain(), BWFileWrapperErrorDomain);
-    EXPECT_EQ(outcome.error->code(), kBWFileWrapperUnsafePathError);
-    EXPECT_FALSE(fs::exists(temp / "dest/escaped"));
-    EXPECT_FALSE(fs::exists(absolute));
-  }
   // Climbing back down inside the destination is fine.
   std::string inside = ArchiveBytes().magic().info(Info("a/../b", kRegular)).data("x").bytes();
   EXPECT_EQ(Unpack(temp, inside, temp / "dest/inner", nullptr).result, 0);  // a/ missing
@@ -216,24 +210,6 @@ TEST(BWFileWrapperReaderTest, TruncationAtEveryByteFailsCleanly) {
       EXPECT_EQ(outcome.error->domain(), NSPOSIXErrorDomain);
     }
   }
-}
-
-TEST(BWFileWrapperReaderTest, EnumeratesStoredInfoAsIs) {
-  TempDir temp;
-  WriteFile(temp / "archive", SampleArchive().bytes());
-  auto reader = BWFileWrapperReader::initWithURL(temp / "archive", nullptr);
-  ASSERT_TRUE(reader);
-  std::vector<BWFileWrapperReader::Entry> entries;
-  ASSERT_TRUE(reader->enumerateEntries(
-      [&](const BWFileWrapperReader::Entry& entry) { entries.push_back(entry); }, nullptr));
-  ASSERT_EQ(entries.size(), 7u);
-  EXPECT_EQ(entries[1].info,
-            R"({"path":"docs\/a.txt","type":"NSFileTypeRegular","permission":493})");
-  EXPECT_EQ(entries[1].path, "docs/a.txt");
-  EXPECT_EQ(entries[1].permission, 493);
-  EXPECT_EQ(entries[2].data_length, 3u * 8192 + 17);
-  EXPECT_FALSE(entries[3].path);
-  EXPECT_FALSE(entries[6].data_length);
 }
 
 }  // namespace
