@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -32,6 +33,17 @@ int Pack(const std::filesystem::path& source, const std::filesystem::path& archi
   std::error_code ec;
   std::filesystem::file_status status = std::filesystem::status(source, ec);
   if (ec) return ReportFailure(PosixError(ec, source));
+  if (std::filesystem::is_directory(status)) {
+    // An archive inside the tree it packs would be read while it is being written.
+    std::error_code tree_ec, target_ec;
+    std::filesystem::path tree = std::filesystem::canonical(source, tree_ec);
+    std::filesystem::path target = std::filesystem::weakly_canonical(archive, target_ec);
+    auto [tree_end, rest] = std::mismatch(tree.begin(), tree.end(), target.begin(), target.end());
+    if (!tree_ec && !target_ec && tree_end == tree.end()) {
+      return ReportFailure(
+          fmt::format("the archive {} must not lie inside {}", archive.string(), source.string()));
+    }
+  }
   ErrorRef error;
   bool packed = std::filesystem::is_directory(status)
                     ? VMArchiver::archiveFilesInDirectory(source, archive, &error)

@@ -49,6 +49,10 @@ TEST(ArchiveCommandTest, PackListUnpack) {
   const std::string archive = (temp / "a.bwfw").string();
 
   EXPECT_EQ(Vmattach({"archive", "pack", (temp / "src").string(), archive}).exit_code, 0);
+  EXPECT_EQ(
+      Vmattach({"archive", "pack", (temp / "src").string(), (temp / "src/in").string()}).exit_code,
+      1);
+  EXPECT_FALSE(fs::exists(temp / "src/in"));
   CommandRun again = Vmattach({"archive", "pack", (temp / "src").string(), archive});
   EXPECT_EQ(again.exit_code, 1);
   EXPECT_NE(again.err.find("com.brenwick.FileWrapper 0"), std::string::npos) << again.err;
