@@ -3,6 +3,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "tools/vmattach/ArchiveCommand.h"
 #include "tools/vmattach/CloudCommand.h"
 #include "tools/vmattach/Command.h"
 #include "tools/vmattach/CoreCommands.h"
@@ -20,6 +21,7 @@ int main(int argc, char** argv) {
   int exit_code = 0;
   AddCoreCommands(app, options, &exit_code);
   AddCloudCommands(app, options, &exit_code);
+  AddArchiveCommands(app, options, &exit_code);
   CLI11_PARSE(app, argc, argv);
   return exit_code;
 }
