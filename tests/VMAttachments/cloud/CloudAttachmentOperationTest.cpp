@@ -2,6 +2,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <condition_variable>
 #include <functional>
 #include <future>
 #include <nlohmann/json.hpp>
@@ -151,14 +152,19 @@ struct NoticeRecorder {
         std::lock_guard lock(mu);
         notices.push_back(std::string(change.isPrior ? "will " : "did ") + std::string(change.key) +
                           " " + std::to_string(static_cast<int>(static_cast<Op&>(o).state())));
+        grew.notify_all();
       });
     }
   }
-  std::vector<std::string> take() {
-    std::lock_guard lock(mu);
+  // The last notices of the final state change may still be on their way when the
+  // operation already reads as finished, so wait (bounded) for `count` of them.
+  std::vector<std::string> take(std::size_t count) {
+    std::unique_lock lock(mu);
+    grew.wait_for(lock, 5s, [&] { return notices.size() >= count; });
     return notices;
   }
   std::mutex mu;
+  std::condition_variable grew;
   std::vector<std::string> notices;
 };
 
@@ -239,7 +245,7 @@ TEST_F(CloudAttachmentOperationTest, UploadAsksStoresAndConfirms) {
   for (auto [from, to] : {std::pair{0, 1}, {1, 3}, {3, 4}}) {
     for (auto& n : NoticesFor(from, to)) expected.push_back(n);
   }
-  EXPECT_EQ(notices.take(), expected);
+  EXPECT_EQ(notices.take(expected.size()), expected);
 
   // Progress followed the sent bytes, then the total was dropped for the confirmation.
   ASSERT_FALSE(progress.empty());
@@ -433,7 +439,7 @@ TEST_F(CloudAttachmentOperationTest, DownloadFetchesIntoTheLocation) {
   EXPECT_FALSE(completed_above_total) << "the total is set before the completed count";
   std::vector<std::string> expected = NoticesFor(0, 1);
   for (auto& n : NoticesFor(1, 4)) expected.push_back(n);
-  EXPECT_EQ(notices.take(), expected);
+  EXPECT_EQ(notices.take(expected.size()), expected);
 
   std::vector<ServerRequest> requests = service_.server().requests();
   ASSERT_EQ(requests.size(), 2u);
