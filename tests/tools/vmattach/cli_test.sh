@@ -6,19 +6,7 @@ vmattach=$1
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 data="$work/data"
-passed=0
-failed=0
-
-check() {  # check NAME CONDITION...
-  local name=$1
-  shift
-  if "$@"; then
-    passed=$((passed + 1))
-  else
-    failed=$((failed + 1))
-    echo "FAILED: $name"
-  fi
-}
+source "$(dirname "$0")/check.sh"
 
 "$vmattach" init --data-dir "$data" >/dev/null
 "$vmattach" scheme add refs --type reference --data-dir "$data" >/dev/null
@@ -47,5 +35,4 @@ check "the failure names domain and code" grep -q 'HXFileAttachmentErrorDomain 6
 "$vmattach" store "$work/x" --scheme nosuch --data-dir "$data" 2>"$work/err"
 check "an unknown scheme fails with code 500" grep -q ' 500)' "$work/err"
 
-echo "vmattach: $passed passed, $failed failed"
-test "$failed" -eq 0
+finish "vmattach"

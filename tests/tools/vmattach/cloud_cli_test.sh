@@ -8,13 +8,7 @@ work=$(mktemp -d)
 "$vmcloudd" --listen 127.0.0.1:0 --data "$work/service" --token sekrit >"$work/service.log" 2>&1 &
 service=$!
 trap 'kill "$service" 2>/dev/null; wait "$service" 2>/dev/null; rm -rf "$work"' EXIT
-passed=0
-failed=0
-check() {  # check NAME CONDITION...
-  local name=$1
-  shift
-  if "$@"; then passed=$((passed + 1)); else failed=$((failed + 1)); echo "FAILED: $name"; fi
-}
+source "$(dirname "$0")/check.sh"
 
 for _ in $(seq 100); do
   port=$(sed -n 's/^listening on 127\.0\.0\.1:\([0-9]*\)$/\1/p' "$work/service.log")
@@ -40,5 +34,4 @@ check "a refused token exits non-zero with an error" grep -q 'vmattach: .*(' "$w
 check "the data folder's cloud scheme names the service and the token" \
   "$vmattach" cloud upload "$work/file" --data-dir "$work/data"
 
-echo "vmattach cloud: $passed passed, $failed failed"
-test "$failed" -eq 0
+finish "vmattach cloud"

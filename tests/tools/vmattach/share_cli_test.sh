@@ -6,19 +6,7 @@ vmattach=$1
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 data="$work/data"
-passed=0
-failed=0
-
-check() {  # check NAME CONDITION...
-  local name=$1
-  shift
-  if "$@"; then
-    passed=$((passed + 1))
-  else
-    failed=$((failed + 1))
-    echo "FAILED: $name"
-  fi
-}
+source "$(dirname "$0")/check.sh"
 
 "$vmattach" init --data-dir "$data" >/dev/null
 mkdir "$work/archive"
@@ -53,5 +41,4 @@ echo x >"$work/x.txt"
 check "a share of an unsupported kind fails to mount" grep -q 'NSPOSIXErrorDomain' "$work/err"
 check "and stores no row" test "$("$vmattach" list --data-dir "$data" | wc -l)" -eq 1
 
-echo "vmattach shares: $passed passed, $failed failed"
-test "$failed" -eq 0
+finish "vmattach shares"
