@@ -9,12 +9,19 @@ scripts/install-deps.sh
 
 presets=${VM_PRESETS:-"default asan tsan"}
 jobs=$(nproc)
+total_passed=0
+total_failed=0
 for preset in $presets; do
   echo "=== $preset: build"
   cmake --preset "$preset" >/dev/null
   cmake --build --preset "$preset" -j"$jobs"
   echo "=== $preset: test"
-  ctest --preset "$preset" -j"$jobs"
+  ctest --preset "$preset" -j"$jobs" | tee "build/$preset/ctest.out"
+  summary=$(grep -E 'tests passed, [0-9]+ tests failed out of' "build/$preset/ctest.out" | tail -n 1)
+  failed=$(sed -E 's/.* ([0-9]+) tests failed out of ([0-9]+).*/\1/' <<<"$summary")
+  all=$(sed -E 's/.* tests failed out of ([0-9]+).*/\1/' <<<"$summary")
+  total_passed=$((total_passed + all - failed))
+  total_failed=$((total_failed + failed))
 done
 
 # A short run of the archive reader's fuzz target (clang, ASan + UBSan) from the seed
@@ -36,3 +43,6 @@ if [ "$fuzz_seconds" -gt 0 ]; then
   fi
   tail -n 1 build/fuzz/archive_reader.log
 fi
+
+# One closing line for the whole run: test executables across every preset.
+echo "suite: $total_passed passed, $total_failed failed"
