@@ -216,7 +216,7 @@ bool BWFileWrapperReader::readDataLength(std::uint64_t* length, ErrorRef* error)
 }
 
 bool BWFileWrapperReader::copyData(std::uint64_t length, int out,
-                                   const std::filesystem::path& target, ErrorRef* error) {
+                                   const std::filesystem::path* target, ErrorRef* error) {
   // One buffer per file: extraction never holds a whole file in memory.
   char buffer[kCopyBufferSize];
   while (length > 0) {
@@ -224,30 +224,20 @@ bool BWFileWrapperReader::copyData(std::uint64_t length, int out,
     std::size_t got = 0;
     bool ok = ReadOnce(fd_, buffer, chunk, archive_, error, &got);
     position_ += got;
-    if (!ok || !WriteOnce(out, buffer, chunk, target, error)) return false;
+    if (!ok) return false;
+    if (target != nullptr && !WriteOnce(out, buffer, chunk, *target, error)) return false;
     length -= chunk;
   }
   return true;
 }
 
 bool BWFileWrapperReader::skipData(std::uint64_t length, ErrorRef* error) {
-  if (size_) {
-    // fits() has already made sure the data is all there.
-    if (::lseek(fd_, static_cast<off_t>(length), SEEK_CUR) < 0) {
-      return Fail(error, PosixError(errno, archive_));
-    }
-    position_ += length;
-    return true;
+  if (!size_) return copyData(length, -1, nullptr, error);  // a pipe cannot seek
+  // fits() has already made sure the data is all there.
+  if (::lseek(fd_, static_cast<off_t>(length), SEEK_CUR) < 0) {
+    return Fail(error, PosixError(errno, archive_));
   }
-  char buffer[kCopyBufferSize];
-  while (length > 0) {
-    std::size_t chunk = static_cast<std::size_t>(std::min<std::uint64_t>(length, sizeof buffer));
-    std::size_t got = 0;
-    bool ok = ReadOnce(fd_, buffer, chunk, archive_, error, &got);
-    position_ += got;
-    if (!ok) return false;
-    length -= chunk;
-  }
+  position_ += length;
   return true;
 }
 
@@ -292,7 +282,7 @@ std::int32_t BWFileWrapperReader::unarchiveFilesTo(const std::filesystem::path& 
       if (!out.valid()) return 0;
       std::uint64_t length = 0;
       if (!readDataLength(&length, error)) return 0;
-      if (!copyData(length, out.get(), target, error)) return 0;
+      if (!copyData(length, out.get(), &target, error)) return 0;
     } else if (info.type == NSFileTypeDirectory) {
       if (!MakeDirectories(target, error)) return 0;
     }

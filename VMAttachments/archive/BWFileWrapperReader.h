@@ -80,7 +80,9 @@ class BWFileWrapperReader {
   BWFileWrapperReader(int fd, std::filesystem::path archive);
   Next readInfo(Info* info, ErrorRef* error);
   bool readDataLength(std::uint64_t* length, ErrorRef* error);
-  bool copyData(std::uint64_t length, int out, const std::filesystem::path& target,
+  // Reads `length` bytes in 8192-byte chunks and writes each to `out`, which is named
+  // `target` in errors; with a null `target` the bytes are only read.
+  bool copyData(std::uint64_t length, int out, const std::filesystem::path* target,
                 ErrorRef* error);
   bool skipData(std::uint64_t length, ErrorRef* error);
   // Whether `length` more bytes can still come; false (with the short-read error) when

@@ -1,10 +1,12 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdint>
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "VMAttachments/archive/BWFileWrapper.h"
@@ -210,6 +212,53 @@ TEST(BWFileWrapperReaderTest, TruncationAtEveryByteFailsCleanly) {
       EXPECT_EQ(outcome.error->domain(), NSPOSIXErrorDomain);
     }
   }
+}
+
+// Lists the archive at `url` (a file, or a pipe where the reader cannot seek past data and
+// must read it). `ok` tells whether the archive ended cleanly.
+std::vector<std::string> List(const std::string& url, bool* ok) {
+  std::vector<std::string> infos;
+  ErrorRef error;
+  auto reader = BWFileWrapperReader::initWithURL(url, &error);
+  *ok = reader &&
+        reader->enumerateEntries(
+            [&](const BWFileWrapperReader::Entry& entry) { infos.push_back(entry.info); }, &error);
+  return infos;
+}
+
+std::vector<std::string> ListThroughPipe(const std::string& bytes, bool* ok) {
+  int fds[2];
+  EXPECT_EQ(::pipe(fds), 0);
+  std::thread feeder([&] {
+    std::size_t done = 0;
+    while (done < bytes.size()) {
+      ssize_t n = ::write(fds[1], bytes.data() + done, bytes.size() - done);
+      if (n <= 0) break;  // the reader stopped early
+      done += static_cast<std::size_t>(n);
+    }
+    ::close(fds[1]);
+  });
+  std::vector<std::string> infos = List("/proc/self/fd/" + std::to_string(fds[0]), ok);
+  ::close(fds[0]);
+  feeder.join();
+  return infos;
+}
+
+TEST(BWFileWrapperReaderTest, ListsFromAPipeAsFromAFile) {
+  TempDir temp;
+  const ArchiveBytes sample = SampleArchive();
+  WriteFile(temp / "archive", sample.bytes());
+  bool ok = false;
+  const std::vector<std::string> expected = List(temp / "archive", &ok);
+  ASSERT_TRUE(ok);
+  ASSERT_EQ(expected.size(), 7u);
+
+  EXPECT_EQ(ListThroughPipe(sample.bytes(), &ok), expected);
+  EXPECT_TRUE(ok);
+  // Cut inside the long file's data, which the pipe makes the reader read rather than skip.
+  const std::size_t cut = sample.boundaries()[3] - 5;
+  EXPECT_EQ(ListThroughPipe(sample.bytes().substr(0, cut), &ok).size(), 2u);
+  EXPECT_FALSE(ok);
 }
 
 }  // namespace
