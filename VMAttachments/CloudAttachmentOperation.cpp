@@ -205,6 +205,44 @@ void CloudAttachmentOperation::taskStarted(const std::shared_ptr<URLSessionTask>
   if (handler) handler(task);
 }
 
+template <typename Request, typename OnValue>
+bool CloudAttachmentOperation::sendAPIRequest(int successfulResponseCode,
+                                              const typename Request::RequestDataType& input,
+                                              OnValue onValue, ErrorRef* error) {
+  auto request = std::make_shared<Request>(successfulResponseCode);
+  AttachmentAPILoader<Request> loader(request, apiSession());
+  std::optional<URLRequest> url_request = request->makeRequest(input, error);
+  if (!url_request) return false;
+  addAPIHeaders(*url_request);
+  loader.load(*url_request,
+              [self = self<CloudAttachmentOperation>(), onValue = std::move(onValue)](
+                  std::shared_ptr<typename Request::ResponseDataType> value, ErrorRef reply_error) {
+                if (value) {
+                  onValue(std::move(value));
+                } else {
+                  self->setError(std::move(reply_error));
+                  self->fail();
+                }
+              });
+  return true;
+}
+
+template <typename Request>
+void CloudAttachmentOperation::finishWithAPIRequest(
+    int successfulResponseCode, const typename Request::RequestDataType& input) {
+  ErrorRef build_error;
+  if (!sendAPIRequest<Request>(
+          successfulResponseCode, input,
+          [self = self<CloudAttachmentOperation>()](
+              std::shared_ptr<typename Request::ResponseDataType>) {
+            self->setState(State::kFinished);
+          },
+          &build_error)) {
+    setError(std::move(build_error));
+    fail();
+  }
+}
+
 // ---- TransferCloudAttachmentOperation -----------------------------------------------------
 
 void TransferCloudAttachmentOperation::start() {
@@ -279,32 +317,23 @@ bool UploadCloudAttachmentOperation::fileSize(std::uint64_t* size, ErrorRef* err
 
 bool UploadCloudAttachmentOperation::transfer(ErrorRef* error) {
   setState(State::kAuthorizing);
-  auto request = std::make_shared<StartUploadRequest>(201);
-  AttachmentAPILoader<StartUploadRequest> loader(request, apiSession());
   std::uint64_t size = 0;
   if (!fileSize(&size, error)) return false;
+  // A request that cannot be built fails the operation here, unlike a missing file above.
   ErrorRef build_error;
-  std::optional<URLRequest> url_request =
-      request->makeRequest(UploadRequestInfo(size), &build_error);
-  if (!url_request) {
+  if (!sendAPIRequest<StartUploadRequest>(
+          201, UploadRequestInfo(size),
+          [self = self<UploadCloudAttachmentOperation>()](std::shared_ptr<UploadInfo> info) {
+            {
+              std::lock_guard lock(self->upload_mu_);
+              self->upload_info_ = std::move(info);
+            }
+            self->uploadToStorageProvider();
+          },
+          &build_error)) {
     setError(std::move(build_error));
     fail();
-    return true;
   }
-  addAPIHeaders(*url_request);
-  loader.load(*url_request, [self = self<UploadCloudAttachmentOperation>()](
-                                std::shared_ptr<UploadInfo> info, ErrorRef reply_error) {
-    if (!info) {
-      self->setError(std::move(reply_error));
-      self->fail();
-      return;
-    }
-    {
-      std::lock_guard lock(self->upload_mu_);
-      self->upload_info_ = std::move(info);
-    }
-    self->uploadToStorageProvider();
-  });
   return true;
 }
 
@@ -365,27 +394,9 @@ void UploadCloudAttachmentOperation::confirmUpload() {
     std::abort();
   }
   logger().notice("Notifying VAPI of successful upload");
-  auto request = std::make_shared<FinishUploadRequest>(200);
-  AttachmentAPILoader<FinishUploadRequest> loader(request, apiSession());
   // The size is the one the web API echoed, not the one measured here.
   AttachmentInfo uploaded(info->uuid(), info->size(), vm::State::kUploaded);
-  ErrorRef build_error;
-  std::optional<URLRequest> url_request = request->makeRequest(uploaded, &build_error);
-  if (!url_request) {
-    setError(std::move(build_error));
-    fail();
-    return;
-  }
-  addAPIHeaders(*url_request);
-  loader.load(*url_request, [self = self<UploadCloudAttachmentOperation>()](
-                                std::shared_ptr<AttachmentInfo> confirmed, ErrorRef reply_error) {
-    if (confirmed) {
-      self->setState(State::kFinished);
-    } else {
-      self->setError(std::move(reply_error));
-      self->fail();
-    }
-  });
+  finishWithAPIRequest<FinishUploadRequest>(200, uploaded);
 }
 
 // ---- DownloadCloudAttachmentOperation -----------------------------------------------------
@@ -415,21 +426,13 @@ void DownloadCloudAttachmentOperation::didFinishDownloadingToURL(
 
 bool DownloadCloudAttachmentOperation::transfer(ErrorRef* error) {
   setState(State::kAuthorizing);
-  auto request = std::make_shared<DownloadRequest>(200);
-  AttachmentAPILoader<DownloadRequest> loader(request, apiSession());
-  std::optional<URLRequest> url_request = request->makeRequest(attachment_uuid_, error);
-  if (!url_request) return false;
-  addAPIHeaders(*url_request);
-  loader.load(*url_request, [self = self<DownloadCloudAttachmentOperation>()](
-                                std::shared_ptr<DownloadInfo> info, ErrorRef reply_error) {
-    if (info) {
-      self->downloadFromStorageProvider(*info);
-    } else {
-      self->setError(std::move(reply_error));
-      self->fail();
-    }
-  });
-  return true;
+  // A request that cannot be built is reported through `error`: start() stores it and fails.
+  return sendAPIRequest<DownloadRequest>(
+      200, attachment_uuid_,
+      [self = self<DownloadCloudAttachmentOperation>()](std::shared_ptr<DownloadInfo> info) {
+        self->downloadFromStorageProvider(*info);
+      },
+      error);
 }
 
 void DownloadCloudAttachmentOperation::downloadFromStorageProvider(const DownloadInfo& info) {
@@ -485,25 +488,7 @@ DeleteCloudAttachmentOperation::DeleteCloudAttachmentOperation(AuthToken authTok
 void DeleteCloudAttachmentOperation::start() {
   if (state() != State::kNew) return;
   setState(State::kAuthorizing);
-  auto request = std::make_shared<DeletionRequest>(204);
-  AttachmentAPILoader<DeletionRequest> loader(request, apiSession());
-  ErrorRef build_error;
-  std::optional<URLRequest> url_request = request->makeRequest(attachment_uuid_, &build_error);
-  if (!url_request) {
-    setError(std::move(build_error));
-    fail();
-    return;
-  }
-  addAPIHeaders(*url_request);
-  loader.load(*url_request, [self = self<DeleteCloudAttachmentOperation>()](
-                                std::shared_ptr<Empty> done, ErrorRef reply_error) {
-    if (done) {
-      self->setState(State::kFinished);
-    } else {
-      self->setError(std::move(reply_error));
-      self->fail();
-    }
-  });
+  finishWithAPIRequest<DeletionRequest>(204, attachment_uuid_);
 }
 
 }  // namespace vm

@@ -86,6 +86,20 @@ class CloudAttachmentOperation : public Operation, public URLSessionDelegate {
   // "Authorization: Velmora <token>", added in that order.
   void addAPIHeaders(URLRequest& request) const;
   void taskStarted(const std::shared_ptr<URLSessionTask>& task);
+  // Sends one web API request of type `Request` (answered with `successfulResponseCode`),
+  // built from `input`, with the API headers, through apiSession(). A reply that decodes is
+  // handed to `onValue` on the session's callback queue; any other reply stores its error and
+  // fails the operation. When the request cannot be built nothing is sent and false is
+  // returned with `*error` set: the caller decides whether that fails the operation.
+  // Both helpers are defined, and so instantiated, in this class's own source file only.
+  template <typename Request, typename OnValue>
+  bool sendAPIRequest(int successfulResponseCode, const typename Request::RequestDataType& input,
+                      OnValue onValue, ErrorRef* error);
+  // Sends the request as the operation's last step: a reply that decodes finishes the
+  // operation; anything else, a request that cannot be built included, fails it.
+  template <typename Request>
+  void finishWithAPIRequest(int successfulResponseCode,
+                            const typename Request::RequestDataType& input);
   // The session web API requests go through: the shared session.
   virtual std::shared_ptr<URLSession> apiSession() const;
   // Where the private session puts downloads while they run; empty: the system's.

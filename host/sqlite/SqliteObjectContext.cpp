@@ -290,15 +290,19 @@ bool SqliteObjectContext::setSetting(const std::string& key, const std::string& 
   return statement->run(error);
 }
 
-std::uint64_t SqliteObjectContext::nextPrimaryKey() {
+std::optional<std::uint64_t> SqliteObjectContext::nextPrimaryKey(ErrorRef* error) {
   std::lock_guard lock(mu_);
   // Blocks of 1000 keys: block n gives the key n * 1000 + offset, so every key this copy
   // hands out leaves its offset as remainder. The counter is shared by every entity and
-  // advanced in its own transaction so that two processes never take the same block.
-  db_->exec("BEGIN IMMEDIATE", nullptr);
+  // advanced in its own transaction so that two processes never take the same block: a
+  // block whose advance was not committed may be another process's, so it is not used.
+  if (!db_->exec("BEGIN IMMEDIATE", error)) return std::nullopt;
   std::uint64_t block = std::stoull(setting("nextKeyBlock").value_or("1"));
-  setSetting("nextKeyBlock", std::to_string(block + 1), nullptr);
-  db_->exec("COMMIT", nullptr);
+  if (!setSetting("nextKeyBlock", std::to_string(block + 1), error) ||
+      !db_->exec("COMMIT", error)) {
+    db_->exec("ROLLBACK", nullptr);
+    return std::nullopt;
+  }
   return block * 1000 + static_cast<std::uint64_t>(primary_key_offset_);
 }
 
@@ -322,28 +326,45 @@ std::shared_ptr<HXRecord> SqliteObjectContext::makeRecord(std::string_view entit
 
 std::shared_ptr<HXRecord> SqliteObjectContext::createObjectForEntityNamed(
     std::string_view entity_name, bool insert) {
+  return createObject(entity_name, insert, nullptr);
+}
+
+// No key, no record: null, the contract's one way to fail (the typed inserts also say why).
+std::shared_ptr<HXRecord> SqliteObjectContext::createObject(std::string_view entity_name,
+                                                            bool insert, ErrorRef* error) {
   std::lock_guard lock(mu_);
-  if (TableForEntity(entity_name) == nullptr) return nullptr;
-  std::shared_ptr<HXRecord> record = makeRecord(entity_name, insert ? nextPrimaryKey() : 0);
+  if (TableForEntity(entity_name) == nullptr) {
+    Fail(error, HostError(fmt::format("unknown entity \"{}\"", entity_name)));
+    return nullptr;
+  }
+  std::uint64_t key = 0;
   if (insert) {
-    auto key = std::make_pair(std::string(entity_name), record->primaryKeyValue());
-    records_[key] = record;
-    unsaved_inserts_.insert(key);
+    std::optional<std::uint64_t> next = nextPrimaryKey(error);
+    if (!next) return nullptr;
+    key = *next;
+  }
+  std::shared_ptr<HXRecord> record = makeRecord(entity_name, key);
+  if (insert) {
+    auto map_key = std::make_pair(std::string(entity_name), key);
+    records_[map_key] = record;
+    unsaved_inserts_.insert(map_key);
   }
   return record;
 }
 
-std::shared_ptr<HXFileAttachment> SqliteObjectContext::insertAttachment() {
+std::shared_ptr<HXFileAttachment> SqliteObjectContext::insertAttachment(ErrorRef* error) {
   auto record = std::static_pointer_cast<HXFileAttachment>(
-      createObjectForEntityNamed(HXFileAttachment::kEntityName, true));
+      createObject(HXFileAttachment::kEntityName, true, error));
+  if (!record) return nullptr;
   record->setModifyDate(std::chrono::system_clock::now());
   return record;
 }
 
 std::shared_ptr<HXFileAttachmentScheme> SqliteObjectContext::insertScheme(
-    std::string name, std::string handler_class_name) {
+    std::string name, std::string handler_class_name, ErrorRef* error) {
   auto record = std::static_pointer_cast<HXFileAttachmentScheme>(
-      createObjectForEntityNamed(HXFileAttachmentScheme::kEntityName, true));
+      createObject(HXFileAttachmentScheme::kEntityName, true, error));
+  if (!record) return nullptr;
   record->setName(std::move(name));
   record->setHandlerClassName(std::move(handler_class_name));
   return record;

@@ -66,10 +66,12 @@ class SqliteObjectContext : public HXObjectContext, public HXInstanceCache {
   bool setSetting(const std::string& key, const std::string& value, ErrorRef* error);
 
   // Typed creation and lookup. New records get their primary key at once and are written
-  // by the next saveChanges().
-  std::shared_ptr<HXFileAttachment> insertAttachment();
+  // by the next saveChanges(). Null with `*error` set when no key could be taken (another
+  // process holds the database's write lock past the busy timeout, or it cannot be written).
+  std::shared_ptr<HXFileAttachment> insertAttachment(ErrorRef* error = nullptr);
   std::shared_ptr<HXFileAttachmentScheme> insertScheme(std::string name,
-                                                       std::string handler_class_name);
+                                                       std::string handler_class_name,
+                                                       ErrorRef* error = nullptr);
   std::shared_ptr<HXFileAttachmentScheme> schemeNamed(const std::string& name);
   std::shared_ptr<HXFileAttachmentScheme> schemeWithPrimaryKey(std::uint64_t key);
   std::vector<std::shared_ptr<HXFileAttachmentScheme>> allSchemes(ErrorRef* error = nullptr);
@@ -94,6 +96,7 @@ class SqliteObjectContext : public HXObjectContext, public HXInstanceCache {
   HXDatabaseIdentifier databaseIdentifier() const override { return {customer_id_}; }
   std::string databaseUUID() const override { return database_uuid_; }
   HXUser user() const override { return {username_}; }
+  // Null for an unknown entity, and for an insert when no key could be taken.
   std::shared_ptr<HXRecord> createObjectForEntityNamed(std::string_view entity_name,
                                                        bool insert) override;
   void removeTaskFromInboxList(HXTask& task) override;
@@ -113,7 +116,10 @@ class SqliteObjectContext : public HXObjectContext, public HXInstanceCache {
                                                        int schema_version, ErrorRef* error,
                                                        const SqliteCreateOptions& options);
   bool loadOrCreateMeta(const SqliteCreateOptions& options, ErrorRef* error);
-  std::uint64_t nextPrimaryKey();
+  // Takes the next block's key in its own transaction; nullopt when that did not commit.
+  std::optional<std::uint64_t> nextPrimaryKey(ErrorRef* error);
+  std::shared_ptr<HXRecord> createObject(std::string_view entity_name, bool insert,
+                                         ErrorRef* error);
   std::shared_ptr<HXRecord> makeRecord(std::string_view entity_name, std::uint64_t key);
   std::shared_ptr<HXRecord> recordFromRow(std::string_view entity_name, SqliteStatement& row);
   bool writeRecord(HXRecord& record, ErrorRef* error);

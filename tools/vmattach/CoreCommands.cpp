@@ -91,7 +91,8 @@ int RunSchemeAdd(const GlobalOptions& options, const SchemeOptions& scheme_optio
   if (context->schemeNamed(scheme_options.name)) {
     return ReportFailure(fmt::format("a scheme named \"{}\" exists already", scheme_options.name));
   }
-  auto scheme = context->insertScheme(scheme_options.name, class_name);
+  auto scheme = context->insertScheme(scheme_options.name, class_name, &error);
+  if (!scheme) return ReportFailure(error);
   if (share) {
     // The folder is kept absolute: lookups also try it below /Volumes, which needs a
     // leading "/".
@@ -155,7 +156,8 @@ int RunStore(const GlobalOptions& options, const AttachmentOptions& store) {
                                       store.scheme, scheme->handlerClassName()));
   }
 
-  auto attachment = context->insertAttachment();
+  auto attachment = context->insertAttachment(&error);
+  if (!attachment) return ReportFailure(error);
   std::filesystem::path source;
   if (!store.file.empty() && store.file[0] == '~') {
     // Kept as typed, so that the reference follows the home folder of whoever opens it.

@@ -150,6 +150,38 @@ TEST(SqliteObjectContextTest, TwoContextsOnOneFolderNeverShareAKey) {
   for (std::uint64_t key : keys) EXPECT_EQ(key % 1000, 345u);
 }
 
+// Another process that holds the write lock may be taking the very block this context would
+// read: the insert must fail rather than hand out a key from an advance it did not commit.
+TEST(SqliteObjectContextTest, AKeyBlockThatCannotBeCommittedIsNeverHandedOut) {
+  TempDir dir;
+  auto context = Open(dir);
+  std::uint64_t before = context->insertAttachment()->primaryKeyValue();
+  ErrorRef error;
+  ASSERT_TRUE(context->database().exec("PRAGMA busy_timeout = 0", &error));
+
+  auto other = SqliteDatabase::open(context->database().path(), &error);
+  ASSERT_TRUE(other) << error->summary();
+  std::uint64_t others_key = std::stoull(*context->setting("nextKeyBlock")) * 1000 + 345;
+  ASSERT_TRUE(
+      other->exec("BEGIN IMMEDIATE; UPDATE meta SET value = CAST(value AS INTEGER) + 1 "
+                  "WHERE key = 'nextKeyBlock'",
+                  &error));
+
+  EXPECT_FALSE(context->insertAttachment(&error));
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->domain(), kSQLiteErrorDomain);
+  EXPECT_EQ(error->code() & 0xff, 5);  // SQLITE_BUSY
+  EXPECT_FALSE(context->insertScheme("refs", "VMFileReferenceAttachment"));
+  EXPECT_FALSE(context->createObjectForEntityNamed(HXFileAttachment::kEntityName, true));
+
+  ASSERT_TRUE(other->exec("COMMIT", &error));
+  std::uint64_t after = context->insertAttachment()->primaryKeyValue();
+  EXPECT_NE(after, others_key);
+  EXPECT_NE(after, before);
+  ASSERT_TRUE(context->saveChanges(&error)) << error->summary();
+  EXPECT_EQ(context->allAttachments().size(), 2u);
+}
+
 TEST(SqliteObjectContextTest, TransfersMoveTheirFilePersistAndCleanUp) {
   TempDir dir;
   std::filesystem::path crypt = dir / "work" / "crypt";
