@@ -300,10 +300,10 @@ int main(int argc, char** argv) {
   std::unique_ptr<PageReportingHold> page_reporting;
   if (isolate) {
     page_reporting = std::make_unique<PageReportingHold>();
-    // Room for the tree, two archives and every round's two extracted trees.
+    // Room for the tree, two archives and one round's two extracted trees, twice over.
     const std::uint64_t estimate = (static_cast<std::uint64_t>(small_files) * 16 * 1024 +
                                     static_cast<std::uint64_t>(large_files) * (6u << 20)) *
-                                   static_cast<std::uint64_t>(2 * rounds + 6);
+                                   10;
     file_system = std::make_unique<FreshFileSystem>(work / "fs.img", work / "mnt",
                                                     std::max<std::uint64_t>(estimate, 1u << 30));
     work = work / "mnt";
