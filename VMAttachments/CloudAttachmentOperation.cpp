@@ -191,6 +191,17 @@ void CloudAttachmentOperation::fail() {
   logger().error("Error set: {}", OptionalDescription(error()));
 }
 
+void CloudAttachmentOperation::failWithError(ErrorRef error) {
+  setError(std::move(error));
+  fail();
+}
+
+const HTTPURLResponse* CloudAttachmentOperation::httpResponseOrFail(const URLResponse& response) {
+  const auto* http = dynamic_cast<const HTTPURLResponse*>(&response);
+  if (http == nullptr) failWithError(UnusableReply());
+  return http;
+}
+
 void CloudAttachmentOperation::addAPIHeaders(URLRequest& request) const {
   request.addValue("application/json", "Content-Type");
   request.addValue("Velmora " + auth_token_.bearer(), "Authorization");
@@ -220,8 +231,7 @@ bool CloudAttachmentOperation::sendAPIRequest(int successfulResponseCode,
                 if (value) {
                   onValue(std::move(value));
                 } else {
-                  self->setError(std::move(reply_error));
-                  self->fail();
+                  self->failWithError(std::move(reply_error));
                 }
               });
   return true;
@@ -238,8 +248,7 @@ void CloudAttachmentOperation::finishWithAPIRequest(
             self->setState(State::kFinished);
           },
           &build_error)) {
-    setError(std::move(build_error));
-    fail();
+    failWithError(std::move(build_error));
   }
 }
 
@@ -250,8 +259,7 @@ void TransferCloudAttachmentOperation::start() {
   if (state() != State::kNew) return;
   ErrorRef error;
   if (!transfer(&error)) {
-    setError(std::move(error));
-    fail();
+    failWithError(std::move(error));
   }
 }
 
@@ -331,8 +339,7 @@ bool UploadCloudAttachmentOperation::transfer(ErrorRef* error) {
             self->uploadToStorageProvider();
           },
           &build_error)) {
-    setError(std::move(build_error));
-    fail();
+    failWithError(std::move(build_error));
   }
   return true;
 }
@@ -341,8 +348,7 @@ void UploadCloudAttachmentOperation::uploadToStorageProvider() {
   std::shared_ptr<const UploadInfo> info = uploadInfo();
   const std::optional<URL>& url = info->uploadURL();
   if (!url || !url->isHTTP()) {
-    setError(UnusableReply());
-    fail();
+    failWithError(UnusableReply());
     return;
   }
   // A presigned address carries its own authorisation: no header is added.
@@ -362,21 +368,15 @@ void UploadCloudAttachmentOperation::storageProviderDidComplete(
     const std::shared_ptr<const URLResponse>& response, const ErrorRef& error) {
   if (!response) {
     logger().error("Error uploading attachment to S3: {}", OptionalDescription(error));
-    setError(error);
-    fail();
+    failWithError(error);
     return;
   }
-  const auto* http = dynamic_cast<const HTTPURLResponse*>(response.get());
-  if (http == nullptr) {
-    setError(UnusableReply());
-    fail();
-    return;
-  }
+  const HTTPURLResponse* http = httpResponseOrFail(*response);
+  if (http == nullptr) return;
   logger().info("HTTP Response: {}", http->statusCode());
   if (!isSuccess(*http)) {
     logger().error("Error uploading attachment to S3, HTTP Response: {}", http->statusCode());
-    setError(CloudAttachmentError(CloudAttachmentErrorCode::kUploadFailed));
-    fail();
+    failWithError(CloudAttachmentError(CloudAttachmentErrorCode::kUploadFailed));
     return;
   }
   setState(State::kFinishing);
@@ -438,8 +438,7 @@ bool DownloadCloudAttachmentOperation::transfer(ErrorRef* error) {
 void DownloadCloudAttachmentOperation::downloadFromStorageProvider(const DownloadInfo& info) {
   const std::optional<URL>& url = info.downloadURL();
   if (!url || !url->isHTTP()) {
-    setError(UnusableReply());
-    fail();
+    failWithError(UnusableReply());
     return;
   }
   URLRequest request(*url, URLRequest::kUseProtocolCachePolicy, kStorageTimeoutInterval);
@@ -454,26 +453,19 @@ void DownloadCloudAttachmentOperation::completeDownload(
     const std::optional<std::filesystem::path>& location,
     const std::shared_ptr<const URLResponse>& response, const ErrorRef& error) {
   if (!location || !response) {
-    setError(error);
-    fail();
+    failWithError(error);
     return;
   }
-  const auto* http = dynamic_cast<const HTTPURLResponse*>(response.get());
-  if (http == nullptr) {
-    setError(UnusableReply());
-    fail();
-    return;
-  }
+  const HTTPURLResponse* http = httpResponseOrFail(*response);
+  if (http == nullptr) return;
   if (!isSuccess(*http)) {
     // The temporary file is removed by the session when this returns.
-    setError(CloudAttachmentError(CloudAttachmentErrorCode::kDownloadFailed));
-    fail();
+    failWithError(CloudAttachmentError(CloudAttachmentErrorCode::kDownloadFailed));
     return;
   }
   ErrorRef move_error;
   if (!MoveItem(*location, download_location_, &move_error)) {
-    setError(std::move(move_error));
-    fail();
+    failWithError(std::move(move_error));
     return;
   }
   setState(State::kFinished);

@@ -82,6 +82,11 @@ class CloudAttachmentOperation : public Operation, public URLSessionDelegate {
   void setState(State state);
   // Moves to error, then logs "Error set: " and the error's description.
   void fail();
+  // Stores `error`, then fail().
+  void failWithError(ErrorRef error);
+  // The reply as an HTTP response; anything else fails the operation as an unusable reply
+  // and gives null.
+  const HTTPURLResponse* httpResponseOrFail(const URLResponse& response);
   // The two headers of every web API request: "Content-Type: application/json" and
   // "Authorization: Velmora <token>", added in that order.
   void addAPIHeaders(URLRequest& request) const;

@@ -183,6 +183,13 @@ VMAFPAttachment::VMAFPAttachment(std::shared_ptr<HXFileAttachmentScheme> scheme)
 
 VMAFPAttachment::~VMAFPAttachment() { VolumeWatcher::shared().removeObserver(this); }
 
+void VMAFPAttachment::sendGotErrorOnMainQueue(
+    const std::shared_ptr<HXFileAttachmentTransferDelegate>& delegate, ErrorRef error) {
+  MainQueue::shared().async([self = sharedSelf(), delegate, error = std::move(error)] {
+    SendGotError(delegate.get(), self.get(), error);
+  });
+}
+
 std::shared_ptr<VMAFPAttachment> VMAFPAttachment::sharedSelf() {
   return std::static_pointer_cast<VMAFPAttachment>(shared_from_this());
 }
@@ -351,8 +358,7 @@ bool VMAFPAttachment::retrieveAttachment(
   std::shared_ptr<VMAFPAttachment> self = sharedSelf();
   mountShareWithCallback([self, attachment, to_path, delegate](bool success, ErrorRef error) {
     if (!success) {
-      MainQueue::shared().async(
-          [self, delegate, error] { SendGotError(delegate.get(), self.get(), error); });
+      self->sendGotErrorOnMainQueue(delegate, error);
       return;
     }
     fs::path source;
@@ -384,8 +390,7 @@ bool VMAFPAttachment::storeFile(const fs::path& file, const std::string& at_path
   std::shared_ptr<VMAFPAttachment> self = sharedSelf();
   mountShareWithCallback([self, file, at_path, attachment, delegate](bool success, ErrorRef error) {
     if (!success) {
-      MainQueue::shared().async(
-          [self, delegate, error] { SendGotError(delegate.get(), self.get(), error); });
+      self->sendGotErrorOnMainQueue(delegate, error);
       return;
     }
     std::optional<fs::path> share = self->sharePath();

@@ -89,6 +89,10 @@ class VMAFPAttachment : public HXFileAttachmentSchemeHandler {
 
  protected:
   std::shared_ptr<VMAFPAttachment> sharedSelf();
+  // Sends `error` to the delegate's gotError on the main queue; this handler stays alive
+  // until it has been delivered.
+  void sendGotErrorOnMainQueue(const std::shared_ptr<HXFileAttachmentTransferDelegate>& delegate,
+                               ErrorRef error);
   // Writes a plain log line: "<description> - <message>".
   void logLine(std::string_view message) const;
 

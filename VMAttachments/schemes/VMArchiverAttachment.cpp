@@ -115,8 +115,7 @@ bool VMArchiverAttachment::retrieveAttachment(
   auto self = std::static_pointer_cast<VMArchiverAttachment>(sharedSelf());
   mountShareWithCallback([self, attachment, to_path, delegate](bool success, ErrorRef mount_error) {
     if (!success) {
-      MainQueue::shared().async(
-          [self, delegate, mount_error] { SendGotError(delegate.get(), self.get(), mount_error); });
+      self->sendGotErrorOnMainQueue(delegate, mount_error);
       return;
     }
     // With a storage folder that is reachable no share was mounted, so there may be no
@@ -135,8 +134,7 @@ bool VMArchiverAttachment::retrieveAttachment(
     }
     self->logLine(fmt::format("Failed to copy file from share for retrieval - {}",
                               DescribeError(copy_error)));
-    MainQueue::shared().async(
-        [self, delegate, copy_error] { SendGotError(delegate.get(), self.get(), copy_error); });
+    self->sendGotErrorOnMainQueue(delegate, copy_error);
     PlainLog(fmt::format("file path: {}", DescribePath(source)));
   });
   return true;
