@@ -443,8 +443,10 @@ std::unique_ptr<AttachmentService> AttachmentService::Create(AttachmentServiceOp
     return nullptr;
   }
   if (options.url_lifetime <= std::chrono::seconds(0) || options.threads < 1 ||
-      options.max_json_body == 0) {
-    Fail(error, BadSetting("URL lifetime, thread count and JSON body limit must be positive"));
+      options.max_json_body == 0 || options.header_timeout <= std::chrono::milliseconds(0) ||
+      options.min_transfer_rate == 0 || options.max_connections == 0) {
+    Fail(error, BadSetting("URL lifetime, thread count, JSON body limit, header timeout, "
+                           "transfer rate and connection limit must be positive"));
     return nullptr;
   }
   if (options.data_dir.empty()) {
