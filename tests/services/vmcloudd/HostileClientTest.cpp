@@ -13,6 +13,7 @@
 #include "services/vmcloudd/AttachmentService.h"
 #include "tests/services/vmcloudd/HttpTestClient.h"
 #include "tests/services/vmcloudd/RawConnection.h"
+#include "tests/services/vmcloudd/ServiceFixture.h"
 #include "tests/support/TempDir.h"
 
 namespace vm {
@@ -30,28 +31,16 @@ using testing::TestBytes;
 constexpr auto kHeaderTimeout = 1s;
 constexpr auto kTransferGrace = 1s;
 
-class HostileClientTest : public ::testing::Test {
+class HostileClientTest : public testing::ServiceFixture {
  protected:
   void SetUp() override {
     AttachmentServiceOptions options;
-    options.data_dir = dir_.path() / "data";
-    options.tokens = {"alpha"};
     options.max_json_body = 1024;
     options.threads = 2;  // fewer than the slow peers below
     options.header_timeout = kHeaderTimeout;
     options.transfer_grace = kTransferGrace;
     options.min_transfer_rate = 1024;
-    ErrorRef error;
-    service_ = AttachmentService::Create(std::move(options), &error);
-    ASSERT_TRUE(service_) << error->summary();
-    ASSERT_TRUE(service_->start(&error)) << error->summary();
-    api_.base_url = service_->baseURL();
-  }
-
-  nlohmann::json StartUpload(std::uint64_t size) {
-    HttpReply reply = api_.start(size);
-    EXPECT_EQ(reply.status, 201) << reply.body;
-    return reply.json();
+    StartService(std::move(options));
   }
 
   // "PUT /blobs/...?..." for a raw request to the upload URL of `started`.
@@ -68,16 +57,9 @@ class HostileClientTest : public ::testing::Test {
            std::string(extra_headers) + "\r\n" + std::string(body);
   }
 
-  std::filesystem::path BlobPath(const std::string& uuid) const {
-    return dir_.path() / "data" / "blobs" / uuid;
-  }
   bool NothingIncoming() const {
     return std::filesystem::is_empty(dir_.path() / "data" / "blobs" / ".incoming");
   }
-
-  testing::TempDir dir_;
-  std::unique_ptr<AttachmentService> service_;
-  ApiClient api_;
 };
 
 TEST_F(HostileClientTest, UploadURLWorksOnlyWhileTheAttachmentIsNew) {
