@@ -48,15 +48,15 @@ std::optional<json> ParseJsonObject(const HttpRequest& request, HttpResponse& re
   return parsed;
 }
 
-// `text` with every control character, quote and backslash written as \xNN, so that a
-// request cannot forge or break a log line.
-std::string EscapeForLog(std::string_view text) {
+// `text` with quotes and backslashes written as \xNN, so that what a client sends
+// cannot close the quoted request field early and fake the fields after it. Log lines
+// escape control characters themselves.
+std::string QuoteForLog(std::string_view text) {
   std::string out;
   out.reserve(text.size());
   for (char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (byte < 0x20 || byte == 0x7f || c == '"' || c == '\\') {
-      out += fmt::format("\\x{:02x}", byte);
+    if (c == '"' || c == '\\') {
+      out += fmt::format("\\x{:02x}", static_cast<unsigned char>(c));
     } else {
       out += c;
     }
@@ -388,8 +388,8 @@ void AttachmentService::Impl::installRoutes() {
     return std::unique_ptr<BodySink>();
   });
   server.setLogger([](const HttpRequest& request, const HttpResponse& response) {
-    HttpLog().notice("{} \"{} {}\" {} {}", request.remote_address, EscapeForLog(request.method),
-                     EscapeForLog(request.path), response.status, response.contentLength());
+    HttpLog().notice("{} \"{} {}\" {} {}", request.remote_address, QuoteForLog(request.method),
+                     QuoteForLog(request.path), response.status, response.contentLength());
   });
 }
 
