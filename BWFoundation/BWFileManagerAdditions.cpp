@@ -149,6 +149,11 @@ struct CopyJob {
 
 }  // namespace
 
+int bwCopyRemainingBytes(int in, int out) {
+  FSOperationStatus status;
+  return CopyBytes(in, out, status, [] {});
+}
+
 bool bwPerformAsyncCopyFromURL(const fs::path& from, const fs::path& to, BWCopyContext context,
                                FSFileOperationStatusProcPtr callback, ErrorRef* error) {
   if (callback == nullptr || from.empty() || to.empty()) {

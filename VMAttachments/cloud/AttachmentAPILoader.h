@@ -39,6 +39,11 @@ class AttachmentAPILoader {
         urlRequest, [completion = std::move(completion)](
                         std::optional<JSONData> data, std::shared_ptr<const URLResponse> response,
                         ErrorRef error) {
+          // A reply longer than the request allowed is no reply this client can use.
+          if (IsOverlongReply(error)) {
+            completion(nullptr, CloudAttachmentError(CloudAttachmentErrorCode::kUnusableReply));
+            return;
+          }
           if (!data || !response) {
             completion(nullptr, std::move(error));
             return;
