@@ -205,15 +205,20 @@ bool CloudAttachmentOperation::sendAPIRequest(int successfulResponseCode,
   if (!url_request) return false;
   addAPIHeaders(*url_request);
   url_request->setMaximumResponseLength(kAPIReplyLimit);
-  loader.load(*url_request,
-              [self = self<CloudAttachmentOperation>(), onValue = std::move(onValue)](
-                  std::shared_ptr<typename Request::ResponseDataType> value, ErrorRef reply_error) {
-                if (value) {
-                  onValue(std::move(value));
-                } else {
-                  self->failWithError(std::move(reply_error));
-                }
-              });
+  auto self_ref = self<CloudAttachmentOperation>();
+  loader.load(
+      *url_request,
+      [self = self_ref, onValue = std::move(onValue)](
+          std::shared_ptr<typename Request::ResponseDataType> value, ErrorRef reply_error) {
+        if (value) {
+          onValue(std::move(value));
+        } else {
+          self->failWithError(std::move(reply_error));
+        }
+      },
+      [self = self_ref](const HTTPURLResponse& response) {
+        self->api_status_.store(response.statusCode());
+      });
   return true;
 }
 

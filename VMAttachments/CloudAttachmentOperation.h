@@ -70,6 +70,14 @@ class CloudAttachmentOperation : public Operation, public URLSessionDelegate {
   void setProgress(std::shared_ptr<Progress> progress);
   const AuthToken& authToken() const { return auth_token_; }
 
+  // The HTTP status of the web API's latest answer, or nullopt before the first. The
+  // operation's own outcome does not depend on it everywhere (a deletion counts any answer
+  // with data as done); a caller that must tell a refusal apart reads it here.
+  std::optional<int> apiStatus() const {
+    int status = api_status_.load();
+    return status > 0 ? std::optional<int>(status) : std::nullopt;
+  }
+
   // Called with the storage-provider task right after it was resumed (on the thread of the
   // step that starts it: the shared session's callback queue).
   void setOnURLTaskStarted(TaskStartedHandler handler);
@@ -122,6 +130,7 @@ class CloudAttachmentOperation : public Operation, public URLSessionDelegate {
 
  private:
   std::atomic<State> state_{State::kNew};
+  std::atomic<int> api_status_{0};  // 0: no answer yet
   const AuthToken auth_token_;
   int canceled_observation_ = 0;
 
