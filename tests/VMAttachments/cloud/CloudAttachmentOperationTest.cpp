@@ -89,6 +89,13 @@ std::string DownloadReply(const std::string& download_url) {
       .dump();
 }
 
+// A reply as the service would send it, padded past the 1 MiB any reply may have.
+std::string OverOneMiB(const std::string& reply) {
+  json padded = json::parse(reply);
+  padded["padding"] = std::string(1 << 20, 'p');
+  return padded.dump();
+}
+
 struct Expected {
   std::string domain;  // empty: no error at all
   std::int64_t code = 0;
@@ -389,12 +396,7 @@ TEST_F(CloudAttachmentOperationTest, UploadFailures) {
        "Error uploading attachment to S3: Optional(\"Could not connect to the server.\")"},
       // A reply too long to be one is not buffered: it ends the operation.
       {"start reply over 1 MiB",
-       start_reply(201,
-                   [](auto& s) {
-                     json reply = json::parse(UploadReply(s.url("/storage/x")));
-                     reply["padding"] = std::string(1 << 20, 'p');
-                     return reply.dump();
-                   }),
+       start_reply(201, [](auto& s) { return OverOneMiB(UploadReply(s.url("/storage/x"))); }),
        {},
        kCloud105,
        false,
@@ -504,12 +506,7 @@ TEST_F(CloudAttachmentOperationTest, DownloadFailures) {
        {},
        {std::string(kCloudAttachmentErrorDomain), 107}},
       {"API reply over 1 MiB",
-       api(200,
-           [](auto& s) {
-             json reply = json::parse(DownloadReply(s.url("/storage/x")));
-             reply["padding"] = std::string(1 << 20, 'p');
-             return reply.dump();
-           }),
+       api(200, [](auto& s) { return OverOneMiB(DownloadReply(s.url("/storage/x"))); }),
        {},
        kCloud105},
       // The service announced 6 bytes ("stored").
