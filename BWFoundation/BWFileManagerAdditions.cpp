@@ -248,6 +248,11 @@ struct CopyJob {
 
 }  // namespace
 
+int bwCopyRemainingBytes(int in, int out) {
+  FSOperationStatus status;
+  return CopyBytes(in, out, status, [] {});
+}
+
 bool bwIsCopyTemporaryName(std::string_view name) {
   if (name.size() != kTemporaryPrefix.size() + kTemporaryDigits) return false;
   if (name.substr(0, kTemporaryPrefix.size()) != kTemporaryPrefix) return false;

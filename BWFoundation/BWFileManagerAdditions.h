@@ -82,6 +82,11 @@ bool bwPerformAsyncCopyFromURL(const std::filesystem::path& from, const std::fil
 // Whether `name` has the form of the copy's temporary files.
 bool bwIsCopyTemporaryName(std::string_view name);
 
+// Copies what is left of `in` to `out`, blocking: copy_file_range(2) where the kernel
+// can, a plain read/write copy where it refuses (across file systems, or on one that
+// cannot). Returns 0, or the errno value of the failure.
+int bwCopyRemainingBytes(int in, int out);
+
 // The local path under which `file` (a file or folder of a shared location) is reachable
 // now, or nullopt when it is not. Share locations on this platform are either local or
 // mounted folders, so a location is reachable when it exists. Thread-safe.
