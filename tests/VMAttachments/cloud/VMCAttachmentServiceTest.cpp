@@ -134,8 +134,11 @@ std::map<std::string, std::string> Snapshot(const fs::path& root) {
 
 class CloudSchemeTest : public ::testing::Test {
  protected:
-  static void SetUpTestSuite() {
-    if (services == nullptr) services = new Services;
+  // One fixture, so the services start once and stop (with their processes) at the end.
+  static void SetUpTestSuite() { services = new Services; }
+  static void TearDownTestSuite() {
+    delete services;
+    services = nullptr;
   }
 
   void SetUp() override {
