@@ -116,18 +116,13 @@ std::string Hex(const std::optional<KeyedValue>& value) {
   return out;
 }
 
-// Every item under a folder: relative path -> "dir", or the owner's execute bit and the
-// bytes of a file. Two trees are equal when these maps are.
+// Every item under a folder: relative path -> "dir", or the SHA-1 of a file's bytes. The
+// mode is left out: unpacking an archive gives files the default mode on purpose.
 std::map<std::string, std::string> Snapshot(const fs::path& root) {
   std::map<std::string, std::string> out;
   for (const auto& entry : fs::recursive_directory_iterator(root)) {
     const std::string relative = entry.path().lexically_relative(root).string();
-    if (entry.is_directory()) {
-      out[relative] = "dir";
-    } else {
-      bool executable = (entry.status().permissions() & fs::perms::owner_exec) != fs::perms::none;
-      out[relative] = (executable ? "x:" : "-:") + ReadFile(entry.path());
-    }
+    out[relative] = entry.is_directory() ? "dir" : Sha1Hex(ReadFile(entry.path()));
   }
   return out;
 }
@@ -298,6 +293,10 @@ TEST_F(CloudSchemeTest, FolderTreeRoundTrips) {
   Store(attachment, tree);
   EXPECT_EQ(attachment->objectForKeyedSubscript(kHXFileAttachmentStorageTypeKey),
             std::optional<KeyedValue>(std::int64_t{2}));
+  // Neither the archive's header nor the names inside reach the service readable.
+  const std::string stored = ReadFile(services->storedObject(*attachment->attachmentUUID()));
+  EXPECT_EQ(stored.find("BWFILEWRAPPER1"), std::string::npos);
+  EXPECT_EQ(stored.find("v1.txt"), std::string::npos);
 
   auto delegate = std::make_shared<RecordingDelegate>();
   Retrieve(attachment, delegate);
@@ -364,7 +363,7 @@ TEST_F(CloudSchemeTest, DeletionRemovesTheServiceRecord) {
   auto attachment = NewAttachment("old.txt");
   Store(attachment, source);
   const std::string uuid = *attachment->attachmentUUID();
-  testing::ApiClient api{services->url() + "/v1/_internal/attachment", kToken};
+  testing::ApiClient api{services->url(), kToken};
   ASSERT_EQ(api.info(ToUpper(uuid)).status, 200);
 
   auto delegate = std::make_shared<RecordingDelegate>();
