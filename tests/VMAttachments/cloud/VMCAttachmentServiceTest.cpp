@@ -249,6 +249,8 @@ TEST_F(CloudSchemeTest, FilesRoundTripEncrypted) {
     Store(attachment, source);
 
     EXPECT_EQ(attachment->uploaded(), std::optional<bool>(true));
+    EXPECT_EQ(attachment->objectForKeyedSubscript(kHXFileAttachmentStorageTypeKey),
+              std::optional<KeyedValue>(std::int64_t{1}));
     ASSERT_TRUE(attachment->attachmentUUID());
     const std::string uuid = *attachment->attachmentUUID();
     EXPECT_EQ(uuid, ToLower(uuid)) << "the service's UUID is kept in lower case";
@@ -434,6 +436,13 @@ TEST_F(CloudSchemeTest, FailedUploadStaysRegisteredAndResumes) {
   EXPECT_EQ(ReadFile(CacheFolder(*attachment) / "notes.txt"), "cached copy");
   EXPECT_FALSE(fs::exists(old_cache / "notes.txt"));
 
+  // What an earlier download left at the transfer path is cleared before the next one.
+  const fs::path leftover =
+      services->dir / "tmp" / "HXAttachmentCache" /
+      HXAttachmentCache::sharedCache()->relativeFilePathForObject(*attachment) /
+      *attachment->attachmentUUID() / "vmattachmentdownload";
+  fs::create_directories(leftover.parent_path());
+  WriteFile(leftover, "an earlier, broken download");
   auto back = std::make_shared<RecordingDelegate>();
   fs::remove(CacheFolder(*attachment) / "notes.txt");
   Retrieve(attachment, back);
