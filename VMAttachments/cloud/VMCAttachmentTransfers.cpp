@@ -134,6 +134,8 @@ bool VMCAttachment::storeFile(const fs::path& file, const std::string& /*at_path
     std::error_code ec;
     work_folder = fs::temp_directory_path(ec) / attachment->objectContext()->databaseUUID() /
                   *attachment->attachmentUUID();
+    // Without a temporary folder the path would be relative to wherever the host runs.
+    if (ec) folder_error = PosixError(ec);
   } else {
     folder_error = PosixError(EINVAL);
   }
@@ -259,6 +261,7 @@ bool VMCAttachment::retrieveAttachment(
   const std::optional<std::string> uuid = attachment->attachmentUUID();
   std::error_code ec;
   fs::path download_folder = fs::temp_directory_path(ec) / kDownloadFolderName;
+  if (ec) return failPreparingDownload(attachment, PosixError(ec), error);
   if (cache) download_folder /= cache->relativeFilePathForObject(*attachment);
   if (uuid && !IsSingleComponent(uuid)) {
     return failPreparingDownload(attachment, PosixError(EINVAL, download_folder), error);

@@ -539,6 +539,29 @@ TEST_F(CloudSchemeTest, FailuresReachTheDelegateTheyBelongTo) {
   EXPECT_EQ(delegate->last("gotCriticalError")->error, error) << "the same error object";
   EXPECT_TRUE(record_delegate_->kinds().empty());
   EXPECT_FALSE(TransferOf(missing, kTransferOperationUpload));
+
+  // An identity from a row that would climb out of the temporary folder is refused before
+  // any path is made from it, whichever way in.
+  const fs::path tmp = services->dir / "tmp";
+  for (const char* hostile : {"../../escaped", "..", "a/../../escaped"}) {
+    SCOPED_TRACE(hostile);
+    auto row = NewAttachment("hostile.txt");
+    row->setAttachmentUUID(hostile);
+    error = nullptr;
+    EXPECT_FALSE(handler_->storeFile(dir_ / "source.txt", "", row, nullptr, &error));
+    ASSERT_TRUE(error && error->underlyingError());
+    EXPECT_EQ(error->code(), 301);
+    EXPECT_EQ(error->underlyingError()->code(), EINVAL);
+    row->setUploaded(true);
+    error = nullptr;
+    EXPECT_FALSE(handler_->retrieveAttachment(row, dir_.path(), nullptr, &error));
+    ASSERT_TRUE(error && error->underlyingError());
+    EXPECT_EQ(error->code(), 300);
+    EXPECT_EQ(error->underlyingError()->code(), EINVAL);
+    EXPECT_FALSE(TransferOf(row, kTransferOperationDownload));
+    EXPECT_FALSE(fs::exists(tmp.parent_path() / "escaped"));
+    EXPECT_FALSE(fs::exists(tmp / "escaped"));
+  }
 }
 
 }  // namespace
