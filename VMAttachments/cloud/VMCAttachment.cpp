@@ -504,18 +504,25 @@ bool VMCAttachment::saveDownloadedAttachment(const std::shared_ptr<HXFileAttachm
   }
   std::error_code ignored;
   const fs::path work_folder = fs::temp_directory_path(ignored) / uuid;
-  fs::path work_url = work_folder;
   std::error_code create_error;
   fs::create_directories(work_folder, create_error);
-  if (!create_error) {
-    // Decrypted bytes pass through here: only the owner may look.
-    fs::permissions(work_folder, fs::perms::owner_all, ignored);
-    work_url = work_folder / "crypt";
-    ScopedFd created(
-        ::open(work_url.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
+  // The temporary folder may be shared with other users: a work folder that is not a
+  // directory of our own (a file, a link, someone else's folder) is never written into.
+  // Such a folder, like one that cannot be made, fails the save as a failed decryption.
+  struct stat info {};
+  if (!create_error && (::lstat(work_folder.c_str(), &info) != 0 || !S_ISDIR(info.st_mode) ||
+                        info.st_uid != ::geteuid())) {
+    create_error = std::make_error_code(std::errc::permission_denied);
   }
-  // When the folder could not be made, the work URL stays the folder and the decryption
-  // below fails on it: the one failure route for both.
+  if (create_error) {
+    return Fail(error, ProcessingError("Failed to extract attachment to cache folder",
+                                       PosixError(create_error, work_folder)));
+  }
+  // Decrypted bytes pass through here: only the owner may look.
+  fs::permissions(work_folder, fs::perms::owner_all, ignored);
+  const fs::path work_url = work_folder / "crypt";
+  ScopedFd created(
+      ::open(work_url.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
 
   ErrorRef decrypt_error;
   bool decrypted = false;

@@ -370,6 +370,13 @@ TEST_F(SaveDownloadedTest, FailuresKeepTheirCodesAndLoseNothing) {
        dir_ / "occupied" / "f", EEXIST, nullptr, ""},
       {"name climbing out", [](HXFileAttachment& a, fs::path&) { a.setName(".."); },
        dir_ / "cache3" / "f", EINVAL, nullptr, ""},
+      {"work folder is a file",
+       [this](HXFileAttachment& a, fs::path&) {
+         a.setAttachmentUUID("taken-uuid");
+         WriteFile(dir_ / "tmp" / "taken-uuid", "not ours");
+       },
+       dir_ / "cache5" / "f", 1000, "Failed to extract attachment to cache folder",
+       std::string(NSPOSIXErrorDomain)},
       {"uuid climbing out", [](HXFileAttachment& a, fs::path&) { a.setAttachmentUUID("../up"); },
        dir_ / "cache4" / "f", 1000, "Failed to extract attachment to cache folder",
        std::string(NSPOSIXErrorDomain)},
@@ -400,6 +407,7 @@ TEST_F(SaveDownloadedTest, FailuresKeepTheirCodesAndLoseNothing) {
   }
   EXPECT_EQ(ReadFile(dir_ / "occupied" / "taken.txt"), "the user's");
   EXPECT_FALSE(fs::exists(dir_ / "up"));
+  EXPECT_EQ(ReadFile(dir_ / "tmp" / "taken-uuid"), "not ours");
 }
 
 TEST_F(SaveDownloadedTest, UnknownStorageTypeIsAProgrammingError) {
