@@ -40,6 +40,7 @@
 #include "platform/DispatchQueue.h"
 #include "platform/Log.h"
 #include "platform/Operation.h"
+#include "platform/SafeNames.h"
 #include "platform/UniqueID.h"
 
 namespace vm {
@@ -69,30 +70,28 @@ std::string DescribeOperation(std::string_view class_name, const void* operation
   return fmt::format("<{}: {}>", class_name, operation);
 }
 
-// A UUID taken from a record becomes a folder name: anything that could climb out of the
-// folder it is put in ("..", a separator) is refused.
-bool IsSingleComponent(const std::optional<std::string>& name) {
-  return name && !name->empty() && *name != "." && *name != ".." &&
-         name->find('/') == std::string::npos && name->find('\0') == std::string::npos;
-}
-
-// Makes `folder` and its missing parents, readable by the owner only: work files hold
-// the user's bytes, some of them still plain.
-bool MakePrivateFolders(const fs::path& folder, ErrorRef* error) {
-  fs::path made;
-  for (const fs::path& component : folder) {
+// Makes the folders of `below` inside `base` (which must exist), one by one, readable by
+// the owner only: work files hold the user's bytes, some of them still plain. The
+// temporary folder may be shared with other users, so a folder that is already there must
+// be a directory of our own (not a link, not someone else's).
+bool MakePrivateFolders(const fs::path& base, const fs::path& below, ErrorRef* error) {
+  fs::path made = base;
+  for (const fs::path& component : below) {
     made /= component;
     if (::mkdir(made.c_str(), 0700) == 0) continue;
     const int failure = errno;
-    if (failure == EEXIST && fs::is_directory(made)) continue;
-    return Fail(error, PosixError(failure == EEXIST ? ENOTDIR : failure, made));
+    if (failure != EEXIST) return Fail(error, PosixError(failure, made));
+    struct stat info {};
+    if (::lstat(made.c_str(), &info) != 0 || !S_ISDIR(info.st_mode) || info.st_uid != ::geteuid()) {
+      return Fail(error, PosixError(EACCES, made));
+    }
   }
   return true;
 }
 
 // An empty file at `path`, truncated when it exists.
 bool MakeEmptyFile(const fs::path& path) {
-  int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600);
   if (fd < 0) return false;
   ::close(fd);
   return true;
@@ -125,29 +124,28 @@ bool VMCAttachment::storeFile(const fs::path& file, const std::string& /*at_path
     return false;
   };
 
-  // The work folder is named after the record's identity, which must stay one folder name.
-  ErrorRef folder_error;
-  fs::path work_folder;
-  if (attachment && attachment->objectContext() &&
-      IsSingleComponent(attachment->objectContext()->databaseUUID()) &&
-      IsSingleComponent(attachment->attachmentUUID())) {
-    std::error_code ec;
-    work_folder = fs::temp_directory_path(ec) / attachment->objectContext()->databaseUUID() /
-                  *attachment->attachmentUUID();
-    // Without a temporary folder the path would be relative to wherever the host runs.
-    if (ec) folder_error = PosixError(ec);
-  } else {
-    folder_error = PosixError(EINVAL);
-  }
+  // The work folder is named after the database and the record's identity, each of which
+  // must stay one folder name inside the temporary folder.
+  std::error_code ec;
+  const fs::path temporary = fs::temp_directory_path(ec);
+  // Without a temporary folder the path would be relative to wherever the host runs.
+  ErrorRef folder_error = ec ? PosixError(ec) : nullptr;
+  HXObjectContext* context = attachment ? attachment->objectContext() : nullptr;
+  const std::string database = context ? context->databaseUUID() : "";
+  const std::string uuid = attachment ? attachment->attachmentUUID().value_or("") : "";
+  if (!folder_error) folder_error = CheckFileName(database, "database UUID");
+  if (!folder_error) folder_error = CheckFileName(uuid, "attachment UUID");
+  const fs::path below = fs::path(database) / uuid;
+  const fs::path work_folder = temporary / below;
 
   std::int64_t storage_type = kStorageTypePlainFile;
   fs::path source = file;
   if (bwIsBundleAtURL(file)) {
     storage_type = kStorageTypeArchive;
-    if (folder_error || !MakePrivateFolders(work_folder, &folder_error)) {
+    if (folder_error || !MakePrivateFolders(temporary, below, &folder_error)) {
       return fail("Error trying to create temporary directory to archive path", folder_error);
     }
-    source = work_folder / *attachment->attachmentUUID();
+    source = work_folder / uuid;
     // Asked with an out-pointer so that an item that cannot be packed fails the store; the
     // error itself is not passed on.
     ErrorRef archive_error;
@@ -155,7 +153,7 @@ bool VMCAttachment::storeFile(const fs::path& file, const std::string& /*at_path
       return fail("Could not compress directory/bundle for storing attachment", nullptr);
     }
   }
-  if (folder_error || !MakePrivateFolders(work_folder, &folder_error)) {
+  if (folder_error || !MakePrivateFolders(temporary, below, &folder_error)) {
     return fail("Error trying to create temporary directory to process file", folder_error);
   }
   const fs::path crypt = work_folder / kCryptFileName;
@@ -263,10 +261,12 @@ bool VMCAttachment::retrieveAttachment(
   fs::path download_folder = fs::temp_directory_path(ec) / kDownloadFolderName;
   if (ec) return failPreparingDownload(attachment, PosixError(ec), error);
   if (cache) download_folder /= cache->relativeFilePathForObject(*attachment);
-  if (uuid && !IsSingleComponent(uuid)) {
-    return failPreparingDownload(attachment, PosixError(EINVAL, download_folder), error);
+  if (uuid) {
+    if (ErrorRef refused = CheckFileName(*uuid, "attachment UUID")) {
+      return failPreparingDownload(attachment, refused, error);
+    }
+    download_folder /= *uuid;
   }
-  if (uuid) download_folder /= *uuid;
   std::string transfer_path = (download_folder / kDownloadFileName).string();
 
   std::shared_ptr<HXFileAttachmentTransferDelegate> used_delegate = delegate;
@@ -318,9 +318,19 @@ void VMCAttachment::createDownloadOperationForTransferObject(
     return;
   }
   // The operation writes beside the transfer path, so its folder must be there (again,
-  // after a restart that emptied the temporary folder); when it cannot be made, the
-  // download fails with the reason.
-  MakePrivateFolders(transfer->attachmentPath().parent_path(), nullptr);
+  // after a restart that emptied the temporary folder). Inside the temporary folder it must
+  // be our own, or the download does not start.
+  std::error_code ec;
+  const fs::path temporary = fs::temp_directory_path(ec);
+  const fs::path folder = transfer->attachmentPath().parent_path();
+  const fs::path below = folder.lexically_relative(temporary);
+  ErrorRef folder_error;
+  if (!ec && !below.empty() && *below.begin() != ".." &&
+      !MakePrivateFolders(temporary, below, &folder_error)) {
+    MainQueue::shared().async(
+        [self, delegate, folder_error] { SendGotError(delegate.get(), self.get(), folder_error); });
+    return;
+  }
   auto operation = std::make_shared<DownloadCloudAttachmentOperation>(
       authToken().value_or(AuthToken("")), *uuid, transfer->attachmentPath());
   transfer->setProgress(operation->progress());

@@ -562,6 +562,19 @@ TEST_F(CloudSchemeTest, FailuresReachTheDelegateTheyBelongTo) {
     EXPECT_FALSE(fs::exists(tmp.parent_path() / "escaped"));
     EXPECT_FALSE(fs::exists(tmp / "escaped"));
   }
+
+  // A work folder that someone else put in the shared temporary folder first (here a link
+  // to elsewhere) is never written into.
+  auto squatted = NewAttachment("squatted.txt");
+  fs::create_directories(tmp / context_->databaseUUID());
+  fs::create_directory_symlink(dir_.path(),
+                               tmp / context_->databaseUUID() / *squatted->attachmentUUID());
+  WriteFile(dir_ / "plain.txt", "plain");
+  error = nullptr;
+  EXPECT_FALSE(handler_->storeFile(dir_ / "plain.txt", "", squatted, nullptr, &error));
+  ASSERT_TRUE(error && error->underlyingError());
+  EXPECT_EQ(error->underlyingError()->code(), EACCES);
+  EXPECT_FALSE(fs::exists(dir_ / "crypt"));
 }
 
 }  // namespace
