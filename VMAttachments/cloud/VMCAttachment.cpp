@@ -28,6 +28,7 @@
 #include "host/VMAttachmentTransferManager.h"
 #include "platform/Log.h"
 #include "platform/Operation.h"
+#include "platform/SafeNames.h"
 
 namespace vm {
 
@@ -212,12 +213,6 @@ std::optional<std::int64_t> StorageType(const HXFileAttachment& attachment) {
   return 0;
 }
 
-// A file name component taken from a record: nothing that could leave its folder.
-bool IsSafeComponent(const std::string& name) {
-  return !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos &&
-         name.find('\0') == std::string::npos;
-}
-
 timespec ToTimespec(Date date) {
   auto since_epoch = std::chrono::duration_cast<std::chrono::nanoseconds>(date.time_since_epoch());
   timespec time{};
@@ -235,7 +230,7 @@ timespec ToTimespec(Date date) {
 // an existing file.
 bool ApplyCachedFileValues(const fs::path& file, const std::string& name,
                            std::optional<Date> modify_date, ErrorRef* error) {
-  if (!IsSafeComponent(name)) return Fail(error, PosixError(EINVAL, file));
+  if (ErrorRef refused = CheckFileName(name, "attachment name")) return Fail(error, refused);
   const fs::path renamed = file.parent_path() / name;
   if (renamed != file) {
     if (::renameat2(AT_FDCWD, file.c_str(), AT_FDCWD, renamed.c_str(), RENAME_NOREPLACE) != 0) {
@@ -498,9 +493,8 @@ bool VMCAttachment::saveDownloadedAttachment(const std::shared_ptr<HXFileAttachm
   // The work folder is named after the attachment UUID in the temporary folder; a UUID
   // that could leave it is refused like a failed decryption.
   const std::string uuid = attachment->attachmentUUID().value_or("");
-  if (!IsSafeComponent(uuid)) {
-    return Fail(error, ProcessingError("Failed to extract attachment to cache folder",
-                                       PosixError(EINVAL, uuid)));
+  if (ErrorRef refused = CheckFileName(uuid, "attachment UUID")) {
+    return Fail(error, ProcessingError("Failed to extract attachment to cache folder", refused));
   }
   std::error_code ignored;
   const fs::path work_folder = fs::temp_directory_path(ignored) / uuid;

@@ -456,8 +456,9 @@ void SqliteObjectContext::applyRow(HXRecord& record, SqliteStatement& row) {
     }
     attachment->setModifyDate(FromNanoseconds(row.columnInt(column("modifyDate"))));
     // A refresh must drop keys the stored row no longer has.
-    for (const auto& entry : attachment->keyedValues())
+    for (const auto& entry : attachment->keyedValues()) {
       attachment->setObject(std::nullopt, entry.first);
+    }
     DecodeKeyedValues(text("keyedValues"), *attachment);
   } else if (auto* scheme = dynamic_cast<HXFileAttachmentScheme*>(&record)) {
     scheme->setName(text("name"));
