@@ -1,6 +1,6 @@
-#include "platform/Bundle.h"
-
 #include <gtest/gtest.h>
+
+#include "platform/Bundle.h"
 
 namespace vm {
 namespace {
