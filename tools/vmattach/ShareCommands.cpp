@@ -145,7 +145,10 @@ bool IsShareScheme(const HXFileAttachmentSchemeHandler* handler) {
 void AddShareCommands(CLI::App& app, const GlobalOptions& options, int* exit_code) {
   CLI::App* shares =
       app.add_subcommand("shares", "List the share mounts made by this user (alive or stale)");
-  SetCommandBody(shares, exit_code, [&options] { return RunShares(options); });
+  // CLI11 runs this after `unmount`'s callback too; only a bare `shares` lists.
+  shares->callback([shares, exit_code, &options] {
+    if (shares->get_subcommands().empty()) *exit_code = RunShares(options);
+  });
 
   auto unmount_options = std::make_shared<UnmountOptions>();
   CLI::App* unmount = shares->add_subcommand("unmount", "Release share mounts");
