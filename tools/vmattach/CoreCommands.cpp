@@ -92,7 +92,8 @@ int RunSchemeAdd(const GlobalOptions& options, const SchemeOptions& scheme_optio
   auto context = OpenHost(options, &error);
   if (!context) return ReportFailure(error);
   if (share) {
-    if (int failed = AcceptHostKeyIfAsked(scheme_options.server, scheme_options.share)) {
+    if (int failed = AcceptHostKeyIfAsked(scheme_options.server, scheme_options.share,
+                                          context->schemeNamed(scheme_options.name).get())) {
       return failed;
     }
   }

@@ -16,6 +16,7 @@
 #include "VMAttachments/schemes/VMAttachmentConstants.h"
 #include "VMAttachments/schemes/VMFileReferenceAttachment.h"
 #include "host/HXFileAttachment.h"
+#include "host/HXFileAttachmentScheme.h"
 #include "host/HostConstants.h"
 #include "platform/KeyedArchive.h"
 #include "platform/ParsedURL.h"
@@ -56,6 +57,13 @@ int RunShares(const GlobalOptions& options) {
   return 0;
 }
 
+std::optional<std::string> SchemeSetting(const HXFileAttachmentScheme& scheme,
+                                         std::string_view key) {
+  std::optional<Bytes> data = scheme.infoData();
+  std::optional<ArchivedDictionary> settings = data ? UnarchiveDictionary(*data) : std::nullopt;
+  return settings ? ArchivedString(*settings, key) : std::nullopt;
+}
+
 // The server part of a share URL as the mounter names it: scheme://host[:port]/share.
 std::string ShareOfServer(const std::string& server) {
   std::optional<ParsedURL> url = ParseURL(server);
@@ -79,10 +87,8 @@ std::vector<ShareMountInfo> Selected(const GlobalOptions& options, const Unmount
   ErrorRef ignored;
   auto context = OpenHost(options, &ignored);
   auto scheme = context ? context->schemeNamed(unmount.name) : nullptr;
-  if (!scheme || !scheme->infoData()) return out;
-  std::optional<ArchivedDictionary> settings = UnarchiveDictionary(*scheme->infoData());
-  std::optional<std::string> server =
-      settings ? ArchivedString(*settings, kVMAFPAttachmentServerPath) : std::nullopt;
+  if (!scheme) return out;
+  std::optional<std::string> server = SchemeSetting(*scheme, kVMAFPAttachmentServerPath);
   std::string share = server ? ShareOfServer(*server) : std::string();
   for (const ShareMountInfo& mount : mounts) {
     if (!share.empty() && mount.server == share) out.push_back(mount);
@@ -173,7 +179,8 @@ std::map<std::string, std::string> ShareSchemeSettings(const ShareSchemeOptions&
           {std::string(kVMAFPAttachmentIdentityFile), Absolute(options.identity)}};
 }
 
-int AcceptHostKeyIfAsked(const std::string& server, const ShareSchemeOptions& options) {
+int AcceptHostKeyIfAsked(const std::string& server, const ShareSchemeOptions& options,
+                         const HXFileAttachmentScheme* existing) {
   if (!options.accept_host_key) return 0;
   std::optional<ParsedURL> url = ParseURL(server);
   if (!url || url->scheme != "sftp") {
@@ -191,7 +198,11 @@ int AcceptHostKeyIfAsked(const std::string& server, const ShareSchemeOptions& op
     return ReportFailure(fmt::format("no host key could be read from {}:{}{}", url->host, port,
                                      why.empty() ? "" : ": " + why));
   }
-  fs::path file = options.known_hosts.empty() ? DefaultKnownHosts() : Absolute(options.known_hosts);
+  std::string named = Absolute(options.known_hosts);
+  if (named.empty() && existing != nullptr) {
+    named = SchemeSetting(*existing, kVMAFPAttachmentKnownHostsFile).value_or("");
+  }
+  fs::path file = named.empty() ? DefaultKnownHosts() : named;
   std::error_code ec;
   if (!fs::exists(file.parent_path(), ec)) {
     fs::create_directories(file.parent_path(), ec);

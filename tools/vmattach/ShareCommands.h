@@ -10,6 +10,7 @@
 
 namespace vm {
 class HXFileAttachment;
+class HXFileAttachmentScheme;
 class HXFileAttachmentSchemeHandler;
 }  // namespace vm
 
@@ -29,9 +30,11 @@ void AddShareSchemeOptions(CLI::App* add, ShareSchemeOptions* options);
 // The settings these options add to the scheme's dictionary, paths made absolute.
 std::map<std::string, std::string> ShareSchemeSettings(const ShareSchemeOptions& options);
 // With --accept-host-key, asks the sftp server `server` for its host key and records it
-// in the known-hosts file, replacing what was recorded for that server before. Returns 0,
-// or 1 after reporting why not.
-int AcceptHostKeyIfAsked(const std::string& server, const ShareSchemeOptions& options);
+// in the known-hosts file, replacing what was recorded for that server before; without
+// --known-hosts, the file named by `existing` (the scheme being added again, may be null)
+// or ~/.ssh/known_hosts. Returns 0, or 1 after reporting why not.
+int AcceptHostKeyIfAsked(const std::string& server, const ShareSchemeOptions& options,
+                         const HXFileAttachmentScheme* existing);
 
 // Reports a failed store or retrieval in words a person can act on, then exits 1: the
 // mounter's own reason when a mount failed without an error, and for errors that carry no
