@@ -1,6 +1,6 @@
-#include <gtest/gtest.h>
-
 #include "platform/Bundle.h"
+
+#include <gtest/gtest.h>
 
 namespace vm {
 namespace {

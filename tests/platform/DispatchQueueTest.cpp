@@ -1,10 +1,10 @@
+#include "platform/DispatchQueue.h"
+
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <future>
 #include <vector>
-
-#include "platform/DispatchQueue.h"
 
 namespace vm {
 namespace {

@@ -1,8 +1,8 @@
+#include "platform/Error.h"
+
 #include <gtest/gtest.h>
 
 #include <cerrno>
-
-#include "platform/Error.h"
 
 namespace vm {
 namespace {

@@ -1,8 +1,8 @@
+#include "platform/Log.h"
+
 #include <gtest/gtest.h>
 
 #include <thread>
-
-#include "platform/Log.h"
 
 namespace vm {
 namespace {
