@@ -1,6 +1,8 @@
 #include "platform/ShareMounter.h"
 
 #include <fmt/format.h>
+#include <openssl/evp.h>
+#include <openssl/rand.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -8,6 +10,9 @@
 #include <cctype>
 #include <cerrno>
 #include <cstdlib>
+#include <fstream>
+#include <map>
+#include <set>
 
 #include "platform/DispatchQueue.h"
 #include "platform/Log.h"
@@ -66,8 +71,19 @@ struct Target {
   std::optional<int> port;
   std::string share;  // decoded
   std::string user;
-  std::string display;  // the share URL without credentials, for log lines
+  std::string display;      // the share URL without credentials, for log lines
+  std::string known_hosts;  // sftp: the file the server's host key must be in
+  std::string identity;     // sftp: private key file, may be empty
 };
+
+// What a mount attempt ends with: 0 and the mount point, or an errno value and why.
+struct Outcome {
+  int status = 0;
+  std::string reason;
+  fs::path mount_point;
+};
+
+Outcome Failed(int status, std::string reason) { return Outcome{status, std::move(reason), {}}; }
 
 std::uint32_t Fnv1a(std::string_view text) {
   std::uint32_t hash = 2166136261u;
@@ -105,23 +121,8 @@ std::string LastLine(const std::string& text) {
       line[19] == ' ') {
     line.erase(0, 20);
   }
+  if (line.rfind("ERROR : ", 0) == 0) line.erase(0, 8);
   return line;
-}
-
-// rclone says why in words; callers get an errno value.
-int StatusFromMessage(const std::string& message) {
-  std::string lower = message;
-  for (char& c : lower) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  auto has = [&](std::string_view word) { return lower.find(word) != std::string::npos; };
-  if (has("logon") || has("authentication") || has("access denied") || has("permission denied") ||
-      has("unable to authenticate")) {
-    return EACCES;
-  }
-  if (has("connection refused")) return ECONNREFUSED;
-  if (has("no such host") || has("no route to host")) return EHOSTUNREACH;
-  if (has("timeout") || has("timed out")) return ETIMEDOUT;
-  if (has("not found") || has("cannot be found")) return ENOENT;
-  return EIO;
 }
 
 ProcessOptions Run(std::chrono::seconds timeout,
@@ -137,23 +138,130 @@ bool IsMountPoint(const fs::path& path) {
   return VolumeWatcher::CurrentMountPoints().count(path.string()) != 0;
 }
 
-// A FUSE mount whose server process died answers ENOTCONN; clear it so it can be reused.
-void ClearDeadMount(const fs::path& mount_point) {
-  struct stat st;
-  if (stat(mount_point.c_str(), &st) != 0 && errno == ENOTCONN) {
-    RunProcess({"fusermount3", "-u", "-z", mount_point.string()}, Run(std::chrono::seconds(10)));
-  }
+void LazyUnmount(const fs::path& mount_point) {
+  RunProcess({"fusermount3", "-u", "-z", mount_point.string()}, Run(std::chrono::seconds(10)));
 }
 
-int MountWithRclone(const Target& t, const std::optional<std::string>& password,
-                    const fs::path& runtime, const fs::path& mount_point,
-                    std::chrono::seconds timeout) {
+// The mount notes: one small "key=value" file per mount, values percent-encoded.
+fs::path NotePath(const fs::path& runtime, const std::string& name) {
+  return runtime / "notes" / (name + ".note");
+}
+
+struct Note {
+  ShareMountInfo info;
+  std::string credentials;  // "<salt hex>:<sha-256 hex>"
+};
+
+std::string Hex(const unsigned char* data, size_t size) {
+  std::string out;
+  for (size_t i = 0; i < size; ++i) out += fmt::format("{:02x}", data[i]);
+  return out;
+}
+
+// A salted digest of what the mount was made with, so that a note never holds a secret
+// yet tells whether the credentials changed.
+std::string CredentialsDigest(const std::string& salt_hex, const std::string& secrets) {
+  std::string input = salt_hex + '\0' + secrets;
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  unsigned int length = 0;
+  if (EVP_Digest(input.data(), input.size(), digest, &length, EVP_sha256(), nullptr) != 1) {
+    return {};
+  }
+  return salt_hex + ":" + Hex(digest, length);
+}
+
+std::string NewCredentialsDigest(const std::string& secrets) {
+  unsigned char salt[16];
+  if (RAND_bytes(salt, sizeof salt) != 1) return {};
+  return CredentialsDigest(Hex(salt, sizeof salt), secrets);
+}
+
+bool CredentialsMatch(const std::string& recorded, const std::string& secrets) {
+  size_t colon = recorded.find(':');
+  if (colon == std::string::npos || recorded.empty()) return false;
+  return CredentialsDigest(recorded.substr(0, colon), secrets) == recorded;
+}
+
+std::string Secrets(const Target& t, const std::optional<std::string>& password) {
+  return fmt::format("{}\n{}\n{}\n{}", t.user, password.value_or(""), t.identity, t.known_hosts);
+}
+
+void WriteNote(const fs::path& runtime, const ShareMountInfo& info, const std::string& digest) {
+  fs::path path = NotePath(runtime, info.name);
+  std::error_code ec;
+  fs::create_directories(path.parent_path(), ec);
+  std::ofstream out(path, std::ios::trunc);
+  out << "server=" << PercentEncode(info.server) << "\n"
+      << "user=" << PercentEncode(info.user) << "\n"
+      << "via=" << info.via << "\n"
+      << "mount=" << PercentEncode(info.mount_point.string()) << "\n"
+      << "credentials=" << digest << "\n";
+  out.close();
+  fs::permissions(path, fs::perms::owner_read | fs::perms::owner_write, fs::perm_options::replace,
+                  ec);
+}
+
+std::optional<Note> ReadNote(const fs::path& path) {
+  std::ifstream in(path);
+  if (!in) return std::nullopt;
+  Note note;
+  note.info.name = path.stem().string();
+  std::string line;
+  while (std::getline(in, line)) {
+    size_t eq = line.find('=');
+    if (eq == std::string::npos) continue;
+    std::string key = line.substr(0, eq);
+    std::string value = line.substr(eq + 1);
+    if (key == "server") note.info.server = PercentDecode(value);
+    if (key == "user") note.info.user = PercentDecode(value);
+    if (key == "via") note.info.via = value;
+    if (key == "mount") note.info.mount_point = PercentDecode(value);
+    if (key == "credentials") note.credentials = value;
+  }
+  if (note.info.mount_point.empty()) return std::nullopt;
+  return note;
+}
+
+void DropNote(const fs::path& runtime, const std::string& name) {
+  std::error_code ec;
+  fs::remove(NotePath(runtime, name), ec);
+}
+
+std::string WithUser(const Target& t) {
+  std::string authority = t.user.empty() ? "" : PercentEncode(t.user) + "@";
+  authority += t.host;
+  if (t.port) authority += ":" + std::to_string(*t.port);
+  return fmt::format("{}://{}/{}", t.scheme, authority, PercentEncode(t.share));
+}
+
+// The reason of a helper that failed, timed out or could not be started.
+Outcome HelperFailed(const ProcessResult& result) {
+  if (result.timed_out) return Failed(ETIMEDOUT, "the server did not answer in time");
+  if (result.spawn_error) return Failed(EIO, result.spawn_error->localizedDescription());
+  std::string reason;
+  int status = FuseShareMounter::ClassifyFailure(LastLine(result.err), &reason);
+  return Failed(status, reason);
+}
+
+Outcome MountWithRclone(const Target& t, const std::optional<std::string>& password,
+                        const fs::path& runtime, const fs::path& mount_point,
+                        std::chrono::seconds timeout) {
   std::map<std::string, std::string> env;
   std::string prefix = fmt::format("RCLONE_CONFIG_{}_", kRemoteName);
   env[prefix + "TYPE"] = t.scheme;
   env[prefix + "HOST"] = t.host;
   if (t.port) env[prefix + "PORT"] = std::to_string(*t.port);
   if (!t.user.empty()) env[prefix + "USER"] = t.user;
+  if (t.scheme == "sftp") {
+    // Without a known-hosts file rclone would trust any server that answers.
+    std::error_code ec;
+    if (!fs::exists(t.known_hosts, ec)) {
+      return Failed(ENOKEY, fmt::format("the host key of {} cannot be checked: {} does not exist",
+                                        t.host, t.known_hosts));
+    }
+    env[prefix + "KNOWN_HOSTS_FILE"] = t.known_hosts;
+    if (!t.identity.empty()) env[prefix + "KEY_FILE"] = t.identity;
+  }
   if (password && !password->empty()) {
     // rclone takes passwords only obscured; `rclone obscure -` reads the plain one from
     // standard input, so it never shows on a command line.
@@ -164,8 +272,7 @@ int MountWithRclone(const Target& t, const std::optional<std::string>& password,
       value.pop_back();
     value.erase(0, std::min(value.size(), value.find_first_not_of(" \t\r\n")));
     if (!obscured.succeeded() || value.empty()) {
-      MounterLog().error("mounting {} failed: rclone could not prepare the password", t.display);
-      return EIO;
+      return Failed(EIO, "rclone could not prepare the password");
     }
     env[prefix + "PASS"] = value;
   }
@@ -173,18 +280,13 @@ int MountWithRclone(const Target& t, const std::optional<std::string>& password,
   std::string config = "--config=/dev/null";
 
   // Mounting succeeds even with a wrong password (the mount then answers every request
-  // with EIO), so ask the server first: this is where a refused password or a missing
-  // share shows, with rclone's reason.
+  // with EIO), so ask the server first: this is where a refused password, a missing share
+  // or an unknown host key shows, with rclone's reason.
   ProcessResult probe =
       RunProcess({"rclone", "lsf", remote, "--max-depth=1", "--dirs-only", config, "--retries=1",
                   "--low-level-retries=1", "--contimeout=10s", "--timeout=20s"},
                  Run(timeout, env));
-  if (!probe.succeeded()) {
-    std::string reason = probe.timed_out ? "no answer in time" : LastLine(probe.err);
-    if (probe.spawn_error) reason = probe.spawn_error->localizedDescription();
-    MounterLog().error("mounting {} failed: {}", t.display, reason);
-    return probe.timed_out ? ETIMEDOUT : StatusFromMessage(reason);
-  }
+  if (!probe.succeeded()) return HelperFailed(probe);
 
   fs::path log_file = runtime / "logs" / (mount_point.filename().string() + ".log");
   std::error_code ignored;
@@ -196,13 +298,12 @@ int MountWithRclone(const Target& t, const std::optional<std::string>& password,
                   "--cache-dir=" + (runtime / "rclone-cache").string(), "--dir-cache-time=5s",
                   "--log-level=NOTICE", "--log-file=" + log_file.string()},
                  Run(timeout, env));
-  if (!mounted.succeeded() || !IsMountPoint(mount_point)) {
-    std::string reason = mounted.timed_out ? "no answer in time" : LastLine(mounted.err);
-    MounterLog().error("mounting {} at {} failed: {}", t.display, mount_point.string(), reason);
-    return mounted.timed_out ? ETIMEDOUT : StatusFromMessage(reason);
+  if (!mounted.succeeded()) return HelperFailed(mounted);
+  if (!IsMountPoint(mount_point)) {
+    return Failed(EIO, fmt::format("rclone reported success but nothing is mounted at {}",
+                                   mount_point.string()));
   }
-  MounterLog().info("mounted {} at {}", t.display, mount_point.string());
-  return 0;
+  return Outcome{0, {}, mount_point};
 }
 
 // GVfs keeps its mounts under $XDG_RUNTIME_DIR/gvfs, named after the host and volume.
@@ -211,60 +312,74 @@ std::optional<fs::path> FindGvfsMount(const Target& t) {
   if (runtime == nullptr) return std::nullopt;
   std::error_code ec;
   for (const auto& entry : fs::directory_iterator(fs::path(runtime) / "gvfs", ec)) {
-    std::string name = entry.path().filename().string();
-    if (name.rfind("afp-volume:", 0) == 0 && name.find("host=" + t.host) != std::string::npos &&
-        name.find("volume=" + t.share) != std::string::npos &&
-        (t.user.empty() || name.find("user=" + t.user) != std::string::npos)) {
+    if (FuseShareMounter::GvfsFolderMatches(entry.path().filename().string(), t.host, t.port,
+                                            t.share, t.user)) {
       return entry.path();
     }
   }
   return std::nullopt;
 }
 
-int MountWithGvfs(const Target& t, const std::optional<std::string>& password,
-                  std::chrono::seconds timeout, fs::path* mount_point) {
-  if (auto existing = FindGvfsMount(t)) {
-    *mount_point = *existing;
-    return 0;
-  }
-  std::string authority = t.user.empty() ? "" : PercentEncode(t.user) + "@";
-  authority += t.host;
-  if (t.port) authority += ":" + std::to_string(*t.port);
-  std::string url = fmt::format("afp://{}/{}", authority, PercentEncode(t.share));
+Outcome MountWithGvfs(const Target& t, const std::optional<std::string>& password,
+                      std::chrono::seconds timeout) {
   // gio asks for the password on standard input.
-  ProcessResult mounted =
-      RunProcess({"gio", "mount", url}, Run(timeout, {}, password ? *password + "\n" : "\n"));
+  ProcessResult mounted = RunProcess({"gio", "mount", WithUser(t)},
+                                     Run(timeout, {}, password ? *password + "\n" : "\n"));
   std::optional<fs::path> found = FindGvfsMount(t);
-  if (!mounted.succeeded() || !found) {
-    std::string reason = mounted.timed_out ? "no answer in time" : LastLine(mounted.err);
-    MounterLog().error("mounting {} failed: {}", t.display, reason);
-    return mounted.timed_out ? ETIMEDOUT : StatusFromMessage(reason);
-  }
-  *mount_point = *found;
-  MounterLog().info("mounted {} at {}", t.display, mount_point->string());
-  return 0;
+  if (!mounted.succeeded()) return HelperFailed(mounted);
+  if (!found) return Failed(EIO, "gio reported success but GVfs shows no such volume");
+  return Outcome{0, {}, *found};
 }
 
-int Mount(const Target& t, const std::optional<std::string>& password, const fs::path& runtime,
-          std::chrono::seconds timeout, fs::path* mount_point) {
-  if (t.scheme == "afp") return MountWithGvfs(t, password, timeout, mount_point);
+ShareMountInfo InfoFor(const Target& t, const std::string& name, const std::string& via,
+                       const fs::path& mount_point) {
+  return ShareMountInfo{name, t.display, t.user, via, mount_point, true};
+}
 
-  fs::path point = runtime / "mounts" / MountFolderName(t);
-  ClearDeadMount(point);
+Outcome Mount(const Target& t, const std::optional<std::string>& password, const fs::path& runtime,
+              std::chrono::seconds timeout) {
+  std::string name = MountFolderName(t);
+  std::optional<Note> note = ReadNote(NotePath(runtime, name));
+  std::string secrets = Secrets(t, password);
+  bool same_credentials = note && CredentialsMatch(note->credentials, secrets);
+
+  if (t.scheme == "afp") {
+    if (std::optional<fs::path> existing = FindGvfsMount(t)) {
+      if (same_credentials) return Outcome{0, {}, *existing};
+      MounterLog().info("{} was mounted with other credentials: mounting it again", t.display);
+      RunProcess({"gio", "mount", "-u", WithUser(t)}, Run(timeout));
+    }
+    Outcome outcome = MountWithGvfs(t, password, timeout);
+    if (outcome.status == 0) {
+      WriteNote(runtime, InfoFor(t, name, "gvfs", outcome.mount_point),
+                NewCredentialsDigest(secrets));
+    }
+    return outcome;
+  }
+
+  fs::path point = runtime / "mounts" / name;
   if (IsMountPoint(point)) {
-    *mount_point = point;
-    return 0;
+    if (!FuseShareMounter::MountPointAnswers(point)) {
+      // Its rclone died: the kernel still lists the mount, but it answers nothing.
+      MounterLog().info("the mount of {} at {} no longer answers: mounting it again", t.display,
+                        point.string());
+      LazyUnmount(point);
+    } else if (same_credentials) {
+      return Outcome{0, {}, point};
+    } else {
+      MounterLog().info("{} was mounted with other credentials: mounting it again", t.display);
+      if (!FuseShareMounter::Unmount(point, nullptr)) LazyUnmount(point);
+    }
   }
   std::error_code ec;
   fs::create_directories(point, ec);
-  if (ec) {
-    MounterLog().error("mounting {} failed: cannot make {}: {}", t.display, point.string(),
-                       ec.message());
-    return ec.value();
+  if (ec)
+    return Failed(ec.value(), fmt::format("cannot make {}: {}", point.string(), ec.message()));
+  Outcome outcome = MountWithRclone(t, password, runtime, point, timeout);
+  if (outcome.status == 0) {
+    WriteNote(runtime, InfoFor(t, name, "rclone", point), NewCredentialsDigest(secrets));
   }
-  int status = MountWithRclone(t, password, runtime, point, timeout);
-  if (status == 0) *mount_point = point;
-  return status;
+  return outcome;
 }
 
 }  // namespace
@@ -295,56 +410,79 @@ fs::path FuseShareMounter::DefaultRuntimeFolder() {
   return fs::temp_directory_path() / fmt::format("vmattach-{}", getuid());
 }
 
+std::string FuseShareMounter::lastFailureReason() const {
+  std::lock_guard lock(failure_->mu);
+  return failure_->reason;
+}
+
 int FuseShareMounter::mountURLAsync(const ShareMountRequest& request, Completion completion) {
+  auto refuse = [this](int status, std::string reason) {
+    MounterLog().error("{}", reason);
+    std::lock_guard lock(failure_->mu);
+    failure_->reason = std::move(reason);
+    return status;
+  };
   std::optional<ParsedURL> url = ParseURL(request.share_url);
   std::vector<std::string> components;
   if (url) components = url->pathComponents();
   if (!url || components.empty()) {
-    MounterLog().error("cannot mount \"{}\": not a share URL of the form scheme://host/share",
-                       request.share_url);
-    return EINVAL;
+    return refuse(EINVAL, fmt::format("cannot mount \"{}\": not a share URL of the form "
+                                      "scheme://host/share",
+                                      request.share_url));
   }
   Target target{
-      url->scheme, url->host, url->port, components.front(), request.user.value_or(url->user), ""};
+      url->scheme, url->host, url->port, components.front(), request.user.value_or(url->user),
+      "",          "",        "",
+  };
   target.display = fmt::format("{}://{}{}/{}", target.scheme, target.host,
                                target.port ? ":" + std::to_string(*target.port) : "",
                                PercentEncode(target.share));
+  target.known_hosts = request.known_hosts_file.value_or("");
+  if (target.known_hosts.empty()) {
+    const char* home = std::getenv("HOME");
+    target.known_hosts = (fs::path(home ? home : "/") / ".ssh" / "known_hosts").string();
+  }
+  target.identity = request.identity_file.value_or("");
   if (target.scheme == "afp") {
     if (!GvfsAfpInstalled()) {
-      MounterLog().error(
-          "cannot mount {}: afp:// shares are mounted through GVfs, and its AFP backend "
-          "(Debian package gvfs-backends) is not installed",
-          target.display);
-      return EPROTONOSUPPORT;
+      return refuse(EPROTONOSUPPORT,
+                    fmt::format("cannot mount {}: afp:// shares are mounted through GVfs, and its "
+                                "AFP backend (Debian package gvfs-backends) is not installed",
+                                target.display));
     }
   } else if (target.scheme == "smb" || target.scheme == "sftp") {
     if (!FindInPath("rclone")) {
-      MounterLog().error("cannot mount {}: rclone is not installed", target.display);
-      return ENOENT;
+      return refuse(ENOENT,
+                    fmt::format("cannot mount {}: rclone is not installed", target.display));
     }
   } else {
-    MounterLog().error(
-        "cannot mount {}: shares of the scheme \"{}\" are not supported "
-        "(smb, sftp and afp are)",
-        target.display, target.scheme);
-    return EPROTONOSUPPORT;
+    return refuse(EPROTONOSUPPORT,
+                  fmt::format("cannot mount {}: shares of the scheme \"{}\" are not supported "
+                              "(smb, sftp and afp are)",
+                              target.display, target.scheme));
   }
 
   std::error_code ec;
   fs::create_directories(options_.runtime_folder, ec);
   fs::permissions(options_.runtime_folder, fs::perms::owner_all, fs::perm_options::replace, ec);
 
-  BackgroundQueue().async([mu = mount_mu_, options = options_, target, password = request.password,
-                           completion = std::move(completion)] {
-    fs::path mount_point;
-    int status;
+  BackgroundQueue().async([mu = mount_mu_, failure = failure_, options = options_, target,
+                           password = request.password, completion = std::move(completion)] {
+    Outcome outcome;
     {
       std::lock_guard lock(*mu);
-      status = Mount(target, password, options.runtime_folder, options.timeout, &mount_point);
+      outcome = Mount(target, password, options.runtime_folder, options.timeout);
     }
     std::vector<fs::path> points;
-    if (status == 0) points.push_back(mount_point);
-    completion(status, std::move(points));
+    if (outcome.status == 0) {
+      MounterLog().info("mounted {} at {}", target.display, outcome.mount_point.string());
+      points.push_back(outcome.mount_point);
+    } else {
+      MounterLog().error("mounting {} failed: {}", target.display, outcome.reason);
+      std::lock_guard lock(failure->mu);
+      failure->reason = fmt::format("cannot mount {}: {}", target.display, outcome.reason);
+    }
+    completion(outcome.status, std::move(points));
   });
   return 0;
 }
@@ -358,6 +496,130 @@ bool FuseShareMounter::Unmount(const fs::path& mount_point, ErrorRef* error) {
   return Fail(error, Error::WithDescription(
                          NSPOSIXErrorDomain, EBUSY,
                          fmt::format("cannot unmount {}: {}", mount_point.string(), reason)));
+}
+
+bool FuseShareMounter::MountPointAnswers(const fs::path& mount_point) {
+  struct stat st;
+  return stat(mount_point.c_str(), &st) == 0 || errno != ENOTCONN;
+}
+
+std::vector<ShareMountInfo> FuseShareMounter::ListMounts(const fs::path& runtime_folder) {
+  std::set<std::string> mounted = VolumeWatcher::CurrentMountPoints();
+  std::map<std::string, ShareMountInfo> found;
+  std::error_code ec;
+  for (const auto& entry : fs::directory_iterator(runtime_folder / "notes", ec)) {
+    if (entry.path().extension() != ".note") continue;
+    std::optional<Note> note = ReadNote(entry.path());
+    if (!note) continue;
+    ShareMountInfo info = note->info;
+    bool present = info.via == "gvfs" ? fs::is_directory(info.mount_point, ec)
+                                      : mounted.count(info.mount_point.string()) != 0;
+    if (!present) {
+      DropNote(runtime_folder, info.name);
+      continue;
+    }
+    info.alive = info.via == "gvfs" || MountPointAnswers(info.mount_point);
+    found.emplace(info.name, std::move(info));
+  }
+  // Mounts left behind without a note (a note removed by hand, say) are still ours.
+  std::string prefix = (runtime_folder / "mounts").string() + "/";
+  for (const std::string& point : mounted) {
+    if (point.rfind(prefix, 0) != 0) continue;
+    std::string name = fs::path(point).filename().string();
+    if (found.count(name) != 0) continue;
+    found.emplace(name, ShareMountInfo{name, "", "", "rclone", point, MountPointAnswers(point)});
+  }
+  std::vector<ShareMountInfo> out;
+  for (auto& [name, info] : found) out.push_back(std::move(info));
+  return out;
+}
+
+bool FuseShareMounter::UnmountShare(const fs::path& runtime_folder, const ShareMountInfo& mount,
+                                    ErrorRef* error) {
+  if (mount.via == "gvfs") {
+    ProcessResult result = RunProcess({"gio", "mount", "-u", mount.mount_point.string()},
+                                      Run(std::chrono::seconds(20)));
+    if (!result.succeeded()) {
+      return Fail(error, Error::WithDescription(NSPOSIXErrorDomain, EBUSY,
+                                                fmt::format("cannot unmount {}: {}", mount.server,
+                                                            LastLine(result.err))));
+    }
+  } else if (mount.alive) {
+    if (!Unmount(mount.mount_point, error)) return false;
+  } else {
+    // Nothing answers behind a stale mount; detaching it cannot lose data.
+    LazyUnmount(mount.mount_point);
+  }
+  DropNote(runtime_folder, mount.name);
+  return true;
+}
+
+bool FuseShareMounter::GvfsFolderMatches(std::string_view folder_name, std::string_view host,
+                                         std::optional<int> port, std::string_view volume,
+                                         std::string_view user) {
+  constexpr std::string_view kPrefix = "afp-volume:";
+  if (folder_name.substr(0, kPrefix.size()) != kPrefix) return false;
+  std::map<std::string, std::string> values;
+  std::string_view rest = folder_name.substr(kPrefix.size());
+  while (!rest.empty()) {
+    size_t comma = rest.find(',');
+    std::string_view pair = rest.substr(0, comma);
+    size_t eq = pair.find('=');
+    if (eq != std::string_view::npos) {
+      values[std::string(pair.substr(0, eq))] = PercentDecode(pair.substr(eq + 1));
+    }
+    if (comma == std::string_view::npos) break;
+    rest.remove_prefix(comma + 1);
+  }
+  auto lower = [](std::string text) {
+    for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return text;
+  };
+  if (lower(values["host"]) != lower(std::string(host))) return false;
+  if (values["volume"] != volume) return false;
+  if (!user.empty() && values["user"] != user) return false;
+  if (port && values.count("port") != 0 && values["port"] != std::to_string(*port)) return false;
+  return true;
+}
+
+int FuseShareMounter::ClassifyFailure(const std::string& message, std::string* reason) {
+  struct Rule {
+    std::vector<std::string_view> words;
+    int status;
+    std::string_view meaning;
+  };
+  static const Rule kRules[] = {
+      {{"knownhosts: key is unknown"}, ENOKEY, "the server's host key is not a known one"},
+      {{"knownhosts: key mismatch"},
+       EKEYREJECTED,
+       "the server's host key differs from the one recorded for it"},
+      {{"known_hosts"}, ENOKEY, "the known-hosts file cannot be read"},
+      {{"logon", "authentication", "access denied", "permission denied", "unable to authenticate"},
+       EACCES,
+       "the server refused the user name or password"},
+      {{"connection refused"},
+       ECONNREFUSED,
+       "the server is unreachable: it refused the connection"},
+      {{"no such host", "no route to host", "network is unreachable"},
+       EHOSTUNREACH,
+       "the server is unreachable"},
+      {{"timeout", "timed out"}, ETIMEDOUT, "the server did not answer in time"},
+      {{"bad network name", "not found", "cannot be found", "no such file", "does not exist"},
+       ENOENT,
+       "the share does not exist on the server"},
+  };
+  std::string lower = message;
+  for (char& c : lower) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  for (const Rule& rule : kRules) {
+    for (std::string_view word : rule.words) {
+      if (lower.find(word) == std::string::npos) continue;
+      *reason = message.empty() ? std::string(rule.meaning)
+                                : fmt::format("{} ({})", rule.meaning, message);
+      return rule.status;
+    }
+  }
+  *reason = message.empty() ? std::string("the mount helper failed without saying why") : message;
+  return EIO;
 }
 
 }  // namespace vm

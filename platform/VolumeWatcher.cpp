@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iterator>
@@ -45,7 +46,14 @@ VolumeWatcher& VolumeWatcher::shared() {
   return *watcher;
 }
 
-VolumeWatcher::VolumeWatcher(std::filesystem::path mountinfo) : mountinfo_(std::move(mountinfo)) {}
+VolumeWatcher::VolumeWatcher(std::filesystem::path mountinfo, std::filesystem::path gvfs_folder)
+    : mountinfo_(std::move(mountinfo)), gvfs_folder_(std::move(gvfs_folder)) {}
+
+std::filesystem::path VolumeWatcher::DefaultGvfsFolder() {
+  const char* runtime = std::getenv("XDG_RUNTIME_DIR");
+  if (runtime == nullptr || *runtime == '\0') return {};
+  return std::filesystem::path(runtime) / "gvfs";
+}
 
 VolumeWatcher::~VolumeWatcher() {
   std::thread thread;
@@ -84,7 +92,14 @@ std::set<std::string> VolumeWatcher::CurrentMountPoints() {
 std::set<std::string> VolumeWatcher::readMountPoints() const {
   std::ifstream in(mountinfo_);
   std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  return ParseMountPoints(text);
+  std::set<std::string> points = ParseMountPoints(text);
+  if (!gvfs_folder_.empty()) {
+    std::error_code ec;
+    for (const auto& entry : std::filesystem::directory_iterator(gvfs_folder_, ec)) {
+      points.insert(entry.path().string());
+    }
+  }
+  return points;
 }
 
 void VolumeWatcher::addObserver(const void* token, Observer observer) {
@@ -147,14 +162,15 @@ void VolumeWatcher::run() {
   }
   for (;;) {
     pollfd fds[2] = {{fd, POLLPRI, 0}, {wake_fd_, POLLIN, 0}};
-    int ready = poll(fds, wake_fd_ >= 0 ? 2 : 1, -1);
+    // GVfs volumes come and go without a change to the mount table: look every 2 seconds.
+    int ready = poll(fds, wake_fd_ >= 0 ? 2 : 1, gvfs_folder_.empty() ? -1 : 2000);
     if (ready < 0 && errno != EINTR) break;
     {
       std::lock_guard lock(mu_);
       if (stopping_) break;
     }
     // The kernel flags a changed mount table with POLLPRI | POLLERR on mountinfo.
-    if (ready > 0 && (fds[0].revents & (POLLPRI | POLLERR))) rescan();
+    if ((ready > 0 && (fds[0].revents & (POLLPRI | POLLERR))) || ready == 0) rescan();
   }
   close(fd);
 }

@@ -25,7 +25,9 @@ struct Notification {
 
 // Tells observers when a volume is unmounted, the way the desktop's workspace does: a
 // NSWorkspaceDidUnmountNotification whose "NSDevicePath" is the mount point that left
-// /proc/self/mountinfo.
+// /proc/self/mountinfo, or the GVfs volume folder that left $XDG_RUNTIME_DIR/gvfs (GVfs
+// volumes share one FUSE mount, so the kernel's table does not show them; that folder is
+// looked at every two seconds while there are observers).
 //
 // Thread-safe. The shared watcher lives for the whole process; its thread starts with the
 // first observer. Observers are called on the watcher's own thread, never with a lock of
@@ -38,8 +40,10 @@ class VolumeWatcher {
 
   static VolumeWatcher& shared();
 
-  // `mountinfo` is the file to watch; tests may name a copy and call rescan() by hand.
-  explicit VolumeWatcher(std::filesystem::path mountinfo = "/proc/self/mountinfo");
+  // `mountinfo` is the file to watch, `gvfs_folder` the folder of GVfs volumes (empty: none);
+  // tests may name copies and call rescan() by hand.
+  explicit VolumeWatcher(std::filesystem::path mountinfo = "/proc/self/mountinfo",
+                         std::filesystem::path gvfs_folder = DefaultGvfsFolder());
   ~VolumeWatcher();
   VolumeWatcher(const VolumeWatcher&) = delete;
   VolumeWatcher& operator=(const VolumeWatcher&) = delete;
@@ -61,6 +65,8 @@ class VolumeWatcher {
   static std::set<std::string> ParseMountPoints(std::string_view mountinfo);
   // The mount points mounted now, read from /proc/self/mountinfo.
   static std::set<std::string> CurrentMountPoints();
+  // $XDG_RUNTIME_DIR/gvfs, or empty when XDG_RUNTIME_DIR is not set.
+  static std::filesystem::path DefaultGvfsFolder();
 
  private:
   void startThreadLocked();
@@ -68,6 +74,7 @@ class VolumeWatcher {
   std::set<std::string> readMountPoints() const;
 
   const std::filesystem::path mountinfo_;
+  const std::filesystem::path gvfs_folder_;
   std::mutex mu_;
   std::map<const void*, Observer> observers_;
   std::set<std::string> known_;

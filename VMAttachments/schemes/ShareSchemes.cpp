@@ -21,10 +21,9 @@ void RegisterShareSchemeClasses() {
                           }});
 }
 
-std::vector<std::uint8_t> MakeShareSettingsInfoData(const std::string& server,
-                                                    const std::string& user,
-                                                    const std::string& password,
-                                                    const std::string& folder) {
+std::vector<std::uint8_t> MakeShareSettingsInfoData(
+    const std::string& server, const std::string& user, const std::string& password,
+    const std::string& folder, const std::map<std::string, std::string>& extra) {
   ArchivedDictionary settings;
   auto put = [&](std::string_view key, const std::string& value) {
     if (!value.empty()) settings.emplace(std::string(key), value);
@@ -33,6 +32,7 @@ std::vector<std::uint8_t> MakeShareSettingsInfoData(const std::string& server,
   put(kVMAFPAttachmentUsername, user);
   put(kVMAFPAttachmentPassword, password);
   put(kVMArchiverAttachmentStorageFolder, folder);
+  for (const auto& [key, value] : extra) put(key, value);
   return ArchiveDictionary(settings);
 }
 

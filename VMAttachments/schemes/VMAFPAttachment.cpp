@@ -251,8 +251,15 @@ void VMAFPAttachment::setSharePath(std::optional<fs::path> path) {
 
 void VMAFPAttachment::mountShareWithCallback(MountCallback callback) {
   if (isVolumeMounted()) {
-    callback(true, nullptr);
-    return;
+    std::optional<fs::path> volume = volumePath();
+    if (!volume || FuseShareMounter::MountPointAnswers(*volume)) {
+      callback(true, nullptr);
+      return;
+    }
+    // The process serving the mount died: the kernel still lists it, so no unmount
+    // notice comes. It counts as unmounted, and the mounter clears it and mounts anew.
+    logLine(fmt::format("the volume at {} no longer answers; mounting it again", volume->string()));
+    forgetMount();
   }
   std::string server = connectionInfoString(kVMAFPAttachmentServerPath).value_or("");
   std::optional<ParsedURL> url = ParseURL(PercentEncode(server, kLegacyURLCharacters));
@@ -288,6 +295,8 @@ void VMAFPAttachment::mountShareWithCallback(MountCallback callback) {
   request.sub_path = sub_path;
   request.user = connectionInfoString(kVMAFPAttachmentUsername);
   request.password = connectionInfoString(kVMAFPAttachmentPassword);
+  request.known_hosts_file = connectionInfoString(kVMAFPAttachmentKnownHostsFile);
+  request.identity_file = connectionInfoString(kVMAFPAttachmentIdentityFile);
 
   std::shared_ptr<VMAFPAttachment> self = sharedSelf();
   int result = ShareMounter::shared()->mountURLAsync(
@@ -354,6 +363,10 @@ void VMAFPAttachment::volumeUnmounted(const Notification& notification) {
   if (it == notification.userInfo.end()) return;
   std::optional<fs::path> volume = volumePath();
   if (!volume || it->second != volume->string()) return;
+  forgetMount();
+}
+
+void VMAFPAttachment::forgetMount() {
   setVolumePath(std::nullopt);
   setSharePath(std::nullopt);
   setVolumeMounted(false);

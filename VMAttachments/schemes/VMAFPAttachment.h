@@ -55,7 +55,8 @@ class VMAFPAttachment : public HXFileAttachmentSchemeHandler {
 
   // Mounts the share named by the "VMAFPAttachmentServerPath" setting, and calls `callback`
   // exactly once: at once on the caller's thread when the volume is already mounted or the
-  // request is refused, else on the background queue when the mount completes.
+  // request is refused, else on the background queue when the mount completes. A mounted
+  // volume that no longer answers (its server process died) counts as unmounted.
   virtual void mountShareWithCallback(MountCallback callback);
   // Waits for mountShareWithCallback in 0.5-second slices of the main queue (see
   // MainQueue::runUntil), with no overall limit: a mount that never completes blocks the
@@ -97,6 +98,8 @@ class VMAFPAttachment : public HXFileAttachmentSchemeHandler {
   void logLine(std::string_view message) const;
 
  private:
+  // Back to the unmounted state: no paths, not mounted, no unmount observer.
+  void forgetMount();
   void mountCompleted(int status, const std::vector<std::filesystem::path>& mount_points,
                       const std::optional<std::string>& sub_path, const MountCallback& callback);
 

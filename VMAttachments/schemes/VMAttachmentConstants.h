@@ -13,6 +13,10 @@ inline constexpr std::string_view kVMArchiverAttachmentDomain = "VMArchiverAttac
 inline constexpr std::string_view kVMAFPAttachmentServerPath = "VMAFPAttachmentServerPath";
 inline constexpr std::string_view kVMAFPAttachmentUsername = "VMAFPAttachmentUsername";
 inline constexpr std::string_view kVMAFPAttachmentPassword = "VMAFPAttachmentPassword";
+// sftp shares: the known-hosts file to check the server's key against (absent:
+// ~/.ssh/known_hosts), and a private key to log in with.
+inline constexpr std::string_view kVMAFPAttachmentKnownHostsFile = "VMAFPAttachmentKnownHostsFile";
+inline constexpr std::string_view kVMAFPAttachmentIdentityFile = "VMAFPAttachmentIdentityFile";
 inline constexpr std::string_view kVMAFPAttachmentDomain = "VMAFPAttachmentDomain";
 inline constexpr std::string_view kVMAFPContextAttachment = "VMAFPContextAttachment";
 inline constexpr std::string_view kVMAFPContextDelegate = "VMAFPContextDelegate";

@@ -7,7 +7,19 @@
 
 namespace vm {
 
+void SqliteAttachmentCache::RememberShareFolder(HXFileAttachment& attachment,
+                                                const std::string& folder) {
+  attachment.setObject(KeyedValue(folder), kShareFolderKey);
+}
+
 std::string SqliteAttachmentCache::relativeFilePathForObject(const HXFileAttachment& attachment) {
+  if (std::optional<KeyedValue> kept = attachment.objectForKeyedSubscript(kShareFolderKey)) {
+    if (const auto* folder = std::get_if<std::string>(&*kept)) return *folder;
+  }
+  return DefaultRelativePath(attachment);
+}
+
+std::string SqliteAttachmentCache::DefaultRelativePath(const HXFileAttachment& attachment) {
   std::optional<std::string> uuid = attachment.attachmentUUID();
   std::string name =
       uuid && !uuid->empty() ? ToLower(*uuid) : fmt::format("pk-{}", attachment.primaryKeyValue());
@@ -16,7 +28,7 @@ std::string SqliteAttachmentCache::relativeFilePathForObject(const HXFileAttachm
 
 std::filesystem::path SqliteAttachmentCache::absoluteFilePathForObject(
     const HXFileAttachment& attachment) {
-  return root_ / relativeFilePathForObject(attachment);
+  return root_ / DefaultRelativePath(attachment);
 }
 
 }  // namespace vm

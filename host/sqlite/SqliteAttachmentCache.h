@@ -3,6 +3,8 @@
 
 #include <atomic>
 #include <filesystem>
+#include <string>
+#include <string_view>
 
 #include "host/HXAttachmentCache.h"
 
@@ -11,12 +13,23 @@ namespace vm {
 // The reference host's file cache: each attachment's cache folder is
 // root/<first two characters of its UUID>/<UUID>, the UUID in lower case ("pk-<key>" for a
 // record without a UUID), so the folder follows the record when its UUID changes.
-// Thread-safe.
+//
+// An attachment stored on a share under a folder of the user's choosing keeps that folder
+// in the record (RememberShareFolder), and relativeFilePathForObject gives it back, so the
+// share schemes find the file again; its local cache folder stays the UUID one, so that
+// two attachments of the same folder never share a cache folder. Thread-safe.
 class SqliteAttachmentCache : public HXAttachmentCache {
  public:
   static constexpr std::uint64_t kDefaultMaxCacheSize = 1ull << 30;
 
   explicit SqliteAttachmentCache(std::filesystem::path root) : root_(std::move(root)) {}
+
+  // The record's keyed value that holds the folder a share-scheme attachment was stored
+  // under, relative to the share's root.
+  static constexpr std::string_view kShareFolderKey = "shareRelativeFolder";
+  static void RememberShareFolder(HXFileAttachment& attachment, const std::string& folder);
+  // The folder the attachment's UUID gives, whatever folder was remembered.
+  static std::string DefaultRelativePath(const HXFileAttachment& attachment);
 
   std::string relativeFilePathForObject(const HXFileAttachment& attachment) override;
   std::filesystem::path absoluteFilePathForObject(const HXFileAttachment& attachment) override;

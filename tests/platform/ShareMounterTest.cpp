@@ -73,7 +73,7 @@ TEST(ShareMounterTest, RefusesWhatItCannotMountAtOnce) {
   for (const Case& c : cases) {
     LogCapture log;
     std::atomic<bool> called{false};
-    EXPECT_EQ(mounter.mountURLAsync({c.url, {}, {}, {}}, [&](int, auto) { called = true; }),
+    EXPECT_EQ(mounter.mountURLAsync({c.url, {}, {}, {}, {}, {}}, [&](int, auto) { called = true; }),
               c.status)
         << c.url;
     EXPECT_FALSE(log.messages("ShareMounter").empty());
@@ -106,13 +106,14 @@ TEST(ShareMounterTest, HandsThePasswordOverOnlyThroughStdinAndEnvironment) {
   std::atomic<int> status{-1};
   std::atomic<bool> on_main{true};
   LogCapture log;
-  ASSERT_EQ(mounter.mountURLAsync({"smb://127.0.0.1:4455/share", "sub", "anna", "pa ss;word"},
-                                  [&](int s, std::vector<fs::path> points) {
-                                    on_main = MainQueue::isMainThread();
-                                    EXPECT_TRUE(points.empty());
-                                    status = s;
-                                  }),
-            0);
+  ASSERT_EQ(
+      mounter.mountURLAsync({"smb://127.0.0.1:4455/share", "sub", "anna", "pa ss;word", {}, {}},
+                            [&](int s, std::vector<fs::path> points) {
+                              on_main = MainQueue::isMainThread();
+                              EXPECT_TRUE(points.empty());
+                              status = s;
+                            }),
+      0);
   ASSERT_TRUE(MainQueue::shared().runUntilCondition(
       [&] { return status != -1; }, std::chrono::steady_clock::now() + std::chrono::seconds(20)));
   EXPECT_EQ(status, EACCES);
@@ -136,6 +137,57 @@ TEST(ShareMounterTest, HandsThePasswordOverOnlyThroughStdinAndEnvironment) {
   struct stat st;
   ASSERT_EQ(stat((dir / "run").c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 0777, 0700u);
+  EXPECT_NE(mounter.lastFailureReason().find("refused the user name or password"),
+            std::string::npos)
+      << mounter.lastFailureReason();
+}
+
+TEST(ShareMounterTest, SaysInWordsWhyAMountHelperFailed) {
+  struct Case {
+    std::string message;
+    int status;
+    std::string words;
+  };
+  const Case cases[] = {
+      {"NewFs: couldn't connect SSH: ssh: handshake failed: knownhosts: key is unknown", ENOKEY,
+       "host key is not a known one"},
+      {"ssh: handshake failed: knownhosts: key mismatch", EKEYREJECTED, "differs from the one"},
+      {"couldn't parse known_hosts_file: open /x: no such file or directory", ENOKEY,
+       "known-hosts file"},
+      {"couldn't connect SMB: response error: The attempted logon is invalid.", EACCES,
+       "refused the user name or password"},
+      {"dial tcp 127.0.0.1:9: connect: connection refused", ECONNREFUSED, "unreachable"},
+      {"tree connect: bad network name", ENOENT, "share does not exist"},
+      {"something new", EIO, "something new"},
+  };
+  for (const Case& c : cases) {
+    std::string reason;
+    EXPECT_EQ(FuseShareMounter::ClassifyFailure(c.message, &reason), c.status) << c.message;
+    EXPECT_NE(reason.find(c.words), std::string::npos) << reason;
+  }
+}
+
+TEST(ShareMounterTest, MatchesGvfsVolumesOnExactValues) {
+  struct Case {
+    std::string folder;
+    bool matches;
+  };
+  const Case cases[] = {
+      {"afp-volume:host=nas.local,user=anna,volume=Shared", true},
+      {"afp-volume:host=NAS.local,volume=Shared,user=anna", true},
+      {"afp-volume:host=nas.local,user=anna,volume=Shared%20Files", false},
+      {"afp-volume:host=nas.local.example,user=anna,volume=Shared", false},
+      {"afp-volume:host=nas.local,user=annabel,volume=Shared", false},
+      {"afp-volume:host=nas.local,user=anna,volume=Shared,port=5480", false},
+      {"smb-share:server=nas.local,share=Shared", false},
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(FuseShareMounter::GvfsFolderMatches(c.folder, "nas.local", 548, "Shared", "anna"),
+              c.matches)
+        << c.folder;
+  }
+  EXPECT_TRUE(FuseShareMounter::GvfsFolderMatches("afp-volume:host=nas.local,volume=Shared%20Files",
+                                                  "nas.local", std::nullopt, "Shared Files", ""));
 }
 
 }  // namespace

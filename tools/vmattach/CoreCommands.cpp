@@ -15,10 +15,12 @@
 #include "host/HXAttachmentCache.h"
 #include "host/HXFileAttachmentScheme.h"
 #include "host/HostConstants.h"
+#include "host/sqlite/SqliteAttachmentCache.h"
 #include "platform/KeyedArchive.h"
 #include "platform/SafeNames.h"
 #include "platform/UniqueID.h"
 #include "tools/vmattach/Host.h"
+#include "tools/vmattach/ShareCommands.h"
 
 namespace vm::vmattach {
 namespace {
@@ -34,6 +36,7 @@ struct SchemeOptions {
   std::string folder;
   std::string api;
   std::string token;
+  ShareSchemeOptions share;
 };
 
 struct AttachmentOptions {
@@ -105,7 +108,14 @@ int RunSchemeAdd(const GlobalOptions& options, const SchemeOptions& scheme_optio
   ErrorRef error;
   auto context = OpenHost(options, &error);
   if (!context) return ReportFailure(error);
+  if (share) {
+    if (int failed = AcceptHostKeyIfAsked(scheme_options.server, scheme_options.share,
+                                          context->schemeNamed(scheme_options.name).get())) {
+      return failed;
+    }
+  }
   if (context->schemeNamed(scheme_options.name)) {
+    if (scheme_options.share.accept_host_key) return 0;  // the point was the host key
     return ReportFailure(fmt::format("a scheme named \"{}\" exists already", scheme_options.name));
   }
   auto scheme = context->insertScheme(scheme_options.name, class_name, &error);
@@ -116,7 +126,8 @@ int RunSchemeAdd(const GlobalOptions& options, const SchemeOptions& scheme_optio
     std::string folder = scheme_options.folder;
     if (!folder.empty()) folder = std::filesystem::absolute(folder).lexically_normal().string();
     scheme->setInfoData(MakeShareSettingsInfoData(scheme_options.server, scheme_options.user,
-                                                  scheme_options.password, folder));
+                                                  scheme_options.password, folder,
+                                                  ShareSchemeSettings(scheme_options.share)));
   }
   if (scheme_options.type == "cloud") {
     if (!scheme_options.api.empty() &&
@@ -223,13 +234,19 @@ int RunStore(const GlobalOptions& options, const AttachmentOptions& store) {
     }
   }
   if (!handler->storeFile(source, relative, attachment, delegate, &error)) {
-    return ReportFailure(error ? error : delegate->error());
+    return ReportTransferFailure(error ? error : delegate->error(), handler.get(), *attachment);
   }
   if (!reference) {
     if (!delegate->waitForOutcome(kTransferTimeout)) {
       return ReportFailure("the store did not finish in time");
     }
-    if (!delegate->finished()) return ReportFailure(delegate->error());
+    if (!delegate->finished()) {
+      return ReportTransferFailure(delegate->error(), handler.get(), *attachment);
+    }
+  }
+  if (handler->className() == VMAFPAttachment::kClassName && !store.path.empty()) {
+    // The share keeps the file under the folder asked for; retrieval asks the cache.
+    SqliteAttachmentCache::RememberShareFolder(*attachment, relative);
   }
   if (handler->className() == VMArchiverAttachment::kClassName) {
     // The archiver finds an attachment by its path relative to the storage folder.
@@ -300,12 +317,15 @@ int RunRetrieve(const GlobalOptions& options, const AttachmentOptions& retrieve)
   loaded.attachment->setDelegate(delegate);
   ErrorRef error;
   if (!loaded.handler->retrieveAttachment(loaded.attachment, destination, delegate, &error)) {
-    return ReportFailure(error ? error : delegate->error());
+    return ReportTransferFailure(error ? error : delegate->error(), loaded.handler.get(),
+                                 *loaded.attachment);
   }
   if (!delegate->done() && !delegate->waitForOutcome(kTransferTimeout)) {
     return ReportFailure("the retrieval did not finish in time");
   }
-  if (!delegate->finished()) return ReportFailure(delegate->error());
+  if (!delegate->finished()) {
+    return ReportTransferFailure(delegate->error(), loaded.handler.get(), *loaded.attachment);
+  }
   if (!loaded.context->saveChanges(&error)) return ReportFailure(error);
   if (options.json) {
     PrintJSON({{"id", retrieve.id}, {"status", "finished"}, {"destination", destination.string()}});
@@ -390,6 +410,7 @@ void AddCoreCommands(CLI::App& app, const GlobalOptions& options, int* exit_code
   add->add_option("--folder", scheme_options->folder, "Storage folder (archiver)");
   add->add_option("--api", scheme_options->api, "Attachment service base URL (cloud)");
   add->add_option("--token", scheme_options->token, "Attachment service token (cloud)");
+  AddShareSchemeOptions(add, &scheme_options->share);
   SetCommandBody(add, exit_code,
                  [&options, scheme_options] { return RunSchemeAdd(options, *scheme_options); });
   CLI::App* list_schemes = scheme->add_subcommand("list", "List the schemes");

@@ -5,6 +5,7 @@
 
 #include "host/HXFileAttachmentScheme.h"
 #include "host/HostConstants.h"
+#include "host/sqlite/SqliteAttachmentCache.h"
 #include "host/sqlite/SqliteObjectContext.h"
 #include "host/sqlite/SqliteTransferManager.h"
 #include "platform/UserDefaults.h"
@@ -72,6 +73,33 @@ TEST(SqliteObjectContextTest, EveryAttachmentFieldSurvivesReopen) {
   EXPECT_EQ(a->objectForKeyedSubscript(kHXFileAttachmentSourceHash), KeyedValue(Bytes(20, 0xAB)));
   EXPECT_EQ(a->objectForKeyedSubscript(kHXFileAttachmentStorageTypeKey),
             KeyedValue(std::int64_t{2}));
+}
+
+// A share attachment stored under a folder of the user's choosing is found there again by
+// a later process; its local cache folder stays its own.
+TEST(SqliteObjectContextTest, TheCacheGivesBackTheFolderAShareAttachmentWasStoredUnder) {
+  TempDir dir;
+  SqliteAttachmentCache cache(dir / "cache");
+  std::uint64_t filed_key = 0;
+  std::uint64_t plain_key = 0;
+  {
+    auto context = Open(dir);
+    auto filed = context->insertAttachment();
+    filed->setAttachmentUUID("AB12-filed");
+    SqliteAttachmentCache::RememberShareFolder(*filed, "inbox/2024");
+    auto plain = context->insertAttachment();
+    plain->setAttachmentUUID("CD34-plain");
+    filed_key = filed->primaryKeyValue();
+    plain_key = plain->primaryKeyValue();
+    ASSERT_TRUE(context->saveChanges(nullptr));
+  }
+  auto context = Open(dir);
+  auto filed = context->attachmentWithPrimaryKey(filed_key);
+  auto plain = context->attachmentWithPrimaryKey(plain_key);
+  ASSERT_TRUE(filed && plain);
+  EXPECT_EQ(cache.relativeFilePathForObject(*filed), "inbox/2024");
+  EXPECT_EQ(cache.absoluteFilePathForObject(*filed), dir / "cache" / "ab" / "ab12-filed");
+  EXPECT_EQ(cache.relativeFilePathForObject(*plain), "cd/cd34-plain");
 }
 
 TEST(SqliteObjectContextTest, UpgradesAnOlderSchemaKeepingRows) {
