@@ -15,6 +15,7 @@
 #include "services/vmcloudd/EmbeddedBlobStorage.h"
 #include "services/vmcloudd/S3Storage.h"
 #include "services/vmcloudd/ServiceError.h"
+#include "services/vmcloudd/StaleUploadSweeper.h"
 #include "services/vmcloudd/internal/Crypto.h"
 #include "services/vmcloudd/internal/Responses.h"
 
@@ -109,7 +110,9 @@ class AttachmentService::Impl {
       : options_(std::move(options)),
         records_(std::move(records)),
         storage_(std::move(storage)),
-        embedded_(embedded) {}
+        embedded_(embedded),
+        sweeper_(records_.get(), storage_.get(), options_.clock, options_.stale_upload_age,
+                 options_.sweep_interval) {}
 
   ~Impl() { stop(); }
 
@@ -120,6 +123,7 @@ class AttachmentService::Impl {
   std::unique_ptr<AttachmentRecords> records_;
   std::unique_ptr<StorageProvider> storage_;
   EmbeddedBlobStorage* embedded_;  // storage_ when it is the embedded provider, else null
+  StaleUploadSweeper sweeper_;
   std::unique_ptr<httplib::Server> server_;
   std::thread serving_;
   int port_ = 0;
@@ -201,7 +205,7 @@ void AttachmentService::Impl::startUpload(const httplib::Request& request,
     return SendError(response, 413, "too_large",
                      fmt::format("Attachments may hold at most {} bytes", options_.max_blob_size));
   }
-  AttachmentRecord record{MakeUniqueID(), *size, AttachmentState::kNew};
+  AttachmentRecord record{MakeUniqueID(), *size, AttachmentState::kNew, options_.clock()};
   ErrorRef error;
   if (!records_->insert(record, &error)) return sendInternalError(response, error);
   json reply = InfoJson(record);
@@ -464,11 +468,14 @@ bool AttachmentService::Impl::start(ErrorRef* error) {
     return Fail(error,
                 CloudServiceError(kVMCloudServiceListenFailed, "The server did not start serving"));
   }
-  ServiceLog().notice("serving {} with {} storage", base_url_, storage_->kind());
+  ServiceLog().notice("serving {} with {} records and {} storage", base_url_, records_->kind(),
+                      storage_->kind());
+  sweeper_.start();
   return true;
 }
 
 void AttachmentService::Impl::stop() {
+  sweeper_.stop();
   if (!server_) return;
   server_->stop();
   if (serving_.joinable()) serving_.join();
@@ -508,7 +515,10 @@ std::unique_ptr<AttachmentService> AttachmentService::Create(AttachmentServiceOp
                                        options.data_dir.string(), ec.message())));
     return nullptr;
   }
-  auto records = AttachmentRecords::Open(options.data_dir / "attachments.sqlite", error);
+  auto records = AttachmentRecords::Open(options.database.empty()
+                                             ? (options.data_dir / "attachments.sqlite").string()
+                                             : options.database,
+                                         error);
   if (!records) return nullptr;
 
   std::unique_ptr<StorageProvider> storage;
@@ -522,6 +532,18 @@ std::unique_ptr<AttachmentService> AttachmentService::Create(AttachmentServiceOp
     storage = std::move(blobs);
   }
   if (!storage) return nullptr;
+  // Processes that share the records must accept each other's blob URLs: the first one to
+  // start keeps its key in the records and every other one takes that key.
+  if (embedded != nullptr && records->kind() != "sqlite") {
+    auto proposal = internal::RandomBytes(32);
+    std::string key;
+    if (!proposal || !records->sharedValue("blob-url-signing-key", internal::HexEncode(*proposal),
+                                           &key, error)) {
+      if (!proposal) Fail(error, BadSetting("No random bytes for the URL signing key"));
+      return nullptr;
+    }
+    embedded->setSigningKey(std::move(key));
+  }
   return std::unique_ptr<AttachmentService>(new AttachmentService(std::make_unique<Impl>(
       std::move(options), std::move(records), std::move(storage), embedded)));
 }
@@ -531,6 +553,7 @@ AttachmentService::~AttachmentService() = default;
 
 bool AttachmentService::start(ErrorRef* error) { return impl_->start(error); }
 void AttachmentService::stop() { impl_->stop(); }
+std::size_t AttachmentService::sweepStaleUploads() { return impl_->sweeper_.sweepOnce(); }
 int AttachmentService::port() const { return impl_->port_; }
 std::string AttachmentService::baseURL() const { return impl_->base_url_; }
 

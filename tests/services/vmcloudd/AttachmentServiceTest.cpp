@@ -9,6 +9,7 @@
 #include "platform/UniqueID.h"
 #include "services/vmcloudd/AttachmentService.h"
 #include "tests/services/vmcloudd/HttpTestClient.h"
+#include "tests/services/vmcloudd/TestDatabase.h"
 #include "tests/support/TempDir.h"
 
 namespace vm {
@@ -22,12 +23,16 @@ using testing::WithQueryParameter;
 
 class EmbeddedServiceTest : public ::testing::Test {
  protected:
-  void SetUp() override { Start(); }
+  void SetUp() override {
+    database_ = testing::FreshRecordsDatabase();
+    Start();
+  }
 
   void Start(int port = 0) {
     AttachmentServiceOptions options;
     options.port = port;
     options.data_dir = dir_.path() / "data";
+    options.database = database_;
     options.tokens = {"alpha", "beta"};
     options.max_json_body = 1024;
     options.max_blob_size = 4 << 20;
@@ -60,6 +65,7 @@ class EmbeddedServiceTest : public ::testing::Test {
   }
 
   testing::TempDir dir_;
+  std::string database_;  // empty: the SQLite file in the data folder
   std::atomic<std::chrono::seconds> skew_{std::chrono::seconds(0)};
   std::unique_ptr<AttachmentService> service_;
   ApiClient api_;
@@ -253,6 +259,23 @@ TEST_F(EmbeddedServiceTest, RestartKeepsRecordsAndURLs) {
   EXPECT_EQ(Send("GET", moved(download)).body, bytes) << "signed URLs outlive a restart";
   ASSERT_EQ(Send("PUT", moved(pending["upload_url"]), TestBytes(10, 4)).status, 200);
   EXPECT_EQ(api_.confirm(pending["uuid"], 10).status, 200) << "a pending upload stays pending";
+}
+
+TEST_F(EmbeddedServiceTest, SweepsOnlyStaleUnconfirmedUploads) {
+  skew_ = -std::chrono::hours(48);  // announced two days ago
+  nlohmann::json stale = StartUpload(10);
+  ASSERT_EQ(Send("PUT", stale["upload_url"], TestBytes(10, 1)).status, 200);
+  const std::string confirmed = Uploaded(TestBytes(20, 2))["uuid"];
+  skew_ = std::chrono::seconds(0);
+  nlohmann::json fresh = StartUpload(30);
+
+  EXPECT_EQ(service_->sweepStaleUploads(), 1u);
+  EXPECT_FALSE(std::filesystem::exists(BlobPath(stale["uuid"])));
+  EXPECT_EQ(api_.confirm(stale["uuid"], 10).status, 409) << "a swept upload cannot be confirmed";
+  EXPECT_EQ(api_.info(confirmed).status, 200);
+  ASSERT_EQ(Send("PUT", fresh["upload_url"], TestBytes(30, 3)).status, 200);
+  EXPECT_EQ(api_.confirm(fresh["uuid"], 30).status, 200);
+  EXPECT_EQ(service_->sweepStaleUploads(), 0u) << "nothing is swept twice";
 }
 
 TEST_F(EmbeddedServiceTest, ConcurrentCyclesKeepTheirOwnBytes) {
