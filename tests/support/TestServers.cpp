@@ -14,11 +14,11 @@
 
 #include <algorithm>
 #include <cstring>
+#include <fstream>
+#include <iterator>
 #include <regex>
 #include <thread>
 #include <vector>
-
-#include "tests/support/TempDir.h"
 
 extern char** environ;
 
@@ -26,6 +26,12 @@ namespace vm::testing {
 namespace {
 
 constexpr auto kStartLimit = std::chrono::seconds(30);
+
+// What a child wrote to its log so far (no test framework here: benchmarks use this too).
+std::string ReadFile(const std::filesystem::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
 constexpr auto kStopGrace = std::chrono::seconds(5);
 
 // Starts `args` with stdout and stderr to `log`; the child runs as `uid`/`gid` when they
@@ -144,7 +150,7 @@ S3rver::S3rver(const std::filesystem::path& dir, const std::string& bucket) {
 
 S3rver::~S3rver() { StopChild(pid_, kStopGrace); }
 
-PostgresServer::PostgresServer(const std::filesystem::path& dir) {
+PostgresServer::PostgresServer(const std::filesystem::path& dir, Durability durability) {
   const std::string initdb = PostgresProgram("initdb");
   const std::string postgres = PostgresProgram("postgres");
   if (initdb.empty() || postgres.empty()) {
@@ -187,10 +193,15 @@ PostgresServer::PostgresServer(const std::filesystem::path& dir) {
   // A port picked here may be taken before the server binds it; try a few.
   for (int attempt = 0; attempt < 3 && port_ == 0; ++attempt) {
     int port = FreePort();
-    pid_ = Spawn({postgres, "-D", data.string(), "-h", "127.0.0.1", "-p", std::to_string(port),
-                  "-k", "", "-c", "fsync=off", "-c", "synchronous_commit=off", "-c",
-                  "full_page_writes=off", "-c", "max_connections=200"},
-                 log, uid, gid, &problem_);
+    std::vector<std::string> args = {postgres,    "-D", data.string(),        "-h",
+                                     "127.0.0.1", "-p", std::to_string(port), "-k",
+                                     "",          "-c", "max_connections=200"};
+    if (durability == Durability::kNone) {
+      for (const char* setting : {"fsync=off", "synchronous_commit=off", "full_page_writes=off"}) {
+        args.insert(args.end(), {"-c", setting});
+      }
+    }
+    pid_ = Spawn(args, log, uid, gid, &problem_);
     if (pid_ < 0) return;
     const std::string conninfo = "host=127.0.0.1 port=" + std::to_string(port) +
                                  " user=postgres dbname=postgres connect_timeout=2";

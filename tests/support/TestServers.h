@@ -38,7 +38,11 @@ class S3rver {
 // the server refuses to run as root. Stopped on destruction. Check running() before use.
 class PostgresServer {
  public:
-  explicit PostgresServer(const std::filesystem::path& dir);
+  // kNone (for tests) skips fsync; kDurable keeps the server's safe defaults (benchmarks).
+  enum class Durability { kNone, kDurable };
+
+  explicit PostgresServer(const std::filesystem::path& dir,
+                          Durability durability = Durability::kNone);
   ~PostgresServer();
   PostgresServer(const PostgresServer&) = delete;
   PostgresServer& operator=(const PostgresServer&) = delete;
