@@ -5,6 +5,7 @@
 #include "VMAttachments/schemes/VMAttachmentSchemes.h"
 #include "host/HXFileAttachmentScheme.h"
 #include "platform/DispatchQueue.h"
+#include "platform/SafeNames.h"
 
 namespace vm::vmattach {
 namespace {
@@ -32,7 +33,11 @@ std::string FormatDate(const std::optional<Date>& date) {
 std::unique_ptr<SqliteObjectContext> OpenHost(const GlobalOptions& options, ErrorRef* error) {
   RegisterVMAttachmentsSchemeClasses();
   auto context = SqliteObjectContext::open(DataDirectory(options), error);
-  if (context) context->installAsProcessHost();
+  if (!context) return nullptr;
+  for (const std::string& notice : context->openNotices()) {
+    fmt::print(stderr, "vmattach: {}\n", EscapeControlCharacters(notice));
+  }
+  context->installAsProcessHost();
   return context;
 }
 
