@@ -82,11 +82,26 @@ bool bwPerformAsyncCopyFromURL(const std::filesystem::path& from, const std::fil
 // Whether `name` has the form of the copy's temporary files.
 bool bwIsCopyTemporaryName(std::string_view name);
 
+// Copies what is left of `in` to `out`, blocking: copy_file_range(2) where the kernel
+// can, a plain read/write copy where it refuses (across file systems, or on one that
+// cannot). Returns 0, or the errno value of the failure.
+int bwCopyRemainingBytes(int in, int out);
+
 // The local path under which `file` (a file or folder of a shared location) is reachable
 // now, or nullopt when it is not. Share locations on this platform are either local or
 // mounted folders, so a location is reachable when it exists. Thread-safe.
 std::optional<std::filesystem::path> bwLocalPathForSharepointFile(
     const std::filesystem::path& file);
+
+// Moves the file `from` to `to` without ever replacing what is there: fails with EEXIST
+// when `to` exists. Across file systems the bytes are copied into a file created
+// exclusively (mode 0600) and `from` is removed once the copy is complete.
+bool bwMoveItemAtURL(const std::filesystem::path& from, const std::filesystem::path& to,
+                     ErrorRef* error);
+
+// Whether `url` is a directory or a bundle (itself a directory here), following a symbolic
+// link. Thread-safe.
+bool bwIsBundleAtURL(const std::filesystem::path& url);
 
 }  // namespace vm
 

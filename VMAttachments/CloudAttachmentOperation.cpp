@@ -6,10 +6,12 @@
 
 #include <cerrno>
 
+#include "BWFoundation/BWFileManagerAdditions.h"
 #include "BWFoundation/HTTPSuccess.h"
 #include "VMAttachments/cloud/AttachmentAPILoader.h"
 #include "VMAttachments/cloud/AttachmentAPIRequest.h"
 #include "VMAttachments/cloud/CloudAttachmentErrors.h"
+#include "platform/DispatchQueue.h"
 
 namespace vm {
 namespace {
@@ -47,43 +49,20 @@ std::string OptionalDescription(const ErrorRef& error) {
 
 ErrorRef UnusableReply() { return CloudAttachmentError(CloudAttachmentErrorCode::kUnusableReply); }
 
-// Moves a finished download into place without ever replacing what is there: a hard link
-// fails when the destination exists. Across file systems the bytes are copied into a file
-// that is created exclusively.
-bool MoveItem(const std::filesystem::path& from, const std::filesystem::path& to, ErrorRef* error) {
-  if (::link(from.c_str(), to.c_str()) == 0) {
-    ::unlink(from.c_str());
-    return true;
-  }
-  int link_errno = errno;
-  if (link_errno != EXDEV && link_errno != EPERM && link_errno != ENOTSUP && link_errno != EMLINK) {
-    return Fail(error, PosixError(link_errno, to));
-  }
-  int in = ::open(from.c_str(), O_RDONLY | O_CLOEXEC);
-  if (in < 0) return Fail(error, PosixError(errno, from));
+// Web API replies are small JSON documents; a longer one is refused, not buffered.
+constexpr std::uint64_t kAPIReplyLimit = 1 << 20;
+
+// Copies the open file `in` into a new file at `to`, created exclusively so that nothing
+// there is ever replaced; a failed copy removes what it made.
+bool CopyInto(int in, const std::filesystem::path& to, ErrorRef* error) {
   int out = ::open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-  if (out < 0) {
-    int saved = errno;
-    ::close(in);
-    return Fail(error, PosixError(saved, to));
-  }
-  int copy_errno = 0;
-  for (;;) {
-    ssize_t copied = ::copy_file_range(in, nullptr, out, nullptr, 1 << 30, 0);
-    if (copied == 0) break;
-    if (copied < 0) {
-      if (errno == EINTR) continue;
-      copy_errno = errno;
-      break;
-    }
-  }
-  ::close(in);
+  if (out < 0) return Fail(error, PosixError(errno, to));
+  int copy_errno = bwCopyRemainingBytes(in, out);
   if (::close(out) != 0 && copy_errno == 0) copy_errno = errno;
   if (copy_errno != 0) {
     ::unlink(to.c_str());
     return Fail(error, PosixError(copy_errno, to));
   }
-  ::unlink(from.c_str());
   return true;
 }
 
@@ -225,15 +204,21 @@ bool CloudAttachmentOperation::sendAPIRequest(int successfulResponseCode,
   std::optional<URLRequest> url_request = request->makeRequest(input, error);
   if (!url_request) return false;
   addAPIHeaders(*url_request);
-  loader.load(*url_request,
-              [self = self<CloudAttachmentOperation>(), onValue = std::move(onValue)](
-                  std::shared_ptr<typename Request::ResponseDataType> value, ErrorRef reply_error) {
-                if (value) {
-                  onValue(std::move(value));
-                } else {
-                  self->failWithError(std::move(reply_error));
-                }
-              });
+  url_request->setMaximumResponseLength(kAPIReplyLimit);
+  auto self_ref = self<CloudAttachmentOperation>();
+  loader.load(
+      *url_request,
+      [self = self_ref, onValue = std::move(onValue)](
+          std::shared_ptr<typename Request::ResponseDataType> value, ErrorRef reply_error) {
+        if (value) {
+          onValue(std::move(value));
+        } else {
+          self->failWithError(std::move(reply_error));
+        }
+      },
+      [self = self_ref](const HTTPURLResponse& response) {
+        self->api_status_.store(response.statusCode());
+      });
   return true;
 }
 
@@ -354,6 +339,7 @@ void UploadCloudAttachmentOperation::uploadToStorageProvider() {
   // A presigned address carries its own authorisation: no header is added.
   URLRequest request(*url, URLRequest::kUseProtocolCachePolicy, kStorageTimeoutInterval);
   request.setHTTPMethod("PUT");
+  request.setMaximumResponseLength(kAPIReplyLimit);  // the provider's answer is only looked at
   std::shared_ptr<URLSessionTask> task = urlSession()->uploadTaskWithRequest(
       std::move(request), fileURL(),
       [self = self<UploadCloudAttachmentOperation>()](
@@ -366,6 +352,10 @@ void UploadCloudAttachmentOperation::uploadToStorageProvider() {
 
 void UploadCloudAttachmentOperation::storageProviderDidComplete(
     const std::shared_ptr<const URLResponse>& response, const ErrorRef& error) {
+  if (IsOverlongReply(error)) {
+    failWithError(UnusableReply());
+    return;
+  }
   if (!response) {
     logger().error("Error uploading attachment to S3: {}", OptionalDescription(error));
     failWithError(error);
@@ -443,6 +433,8 @@ void DownloadCloudAttachmentOperation::downloadFromStorageProvider(const Downloa
   }
   URLRequest request(*url, URLRequest::kUseProtocolCachePolicy, kStorageTimeoutInterval);
   request.setHTTPMethod("GET");
+  // More than the service announced is refused instead of filling the disk.
+  request.setMaximumResponseLength(info.size());
   // No completion handler: the results come through the delegate methods.
   std::shared_ptr<URLSessionTask> task = urlSession()->downloadTaskWithRequest(std::move(request));
   task->resume();
@@ -463,12 +455,48 @@ void DownloadCloudAttachmentOperation::completeDownload(
     failWithError(CloudAttachmentError(CloudAttachmentErrorCode::kDownloadFailed));
     return;
   }
-  ErrorRef move_error;
-  if (!MoveItem(*location, download_location_, &move_error)) {
-    failWithError(std::move(move_error));
+  // A hard link never replaces what is at the destination; it fails if anything is there.
+  if (::link(location->c_str(), download_location_.c_str()) == 0) {
+    ::unlink(location->c_str());
+    setState(State::kFinished);
     return;
   }
-  setState(State::kFinished);
+  int link_errno = errno;
+  if (link_errno != EXDEV && link_errno != EPERM && link_errno != ENOTSUP && link_errno != EMLINK) {
+    failWithError(PosixError(link_errno, download_location_));
+    return;
+  }
+  // Another file system: the bytes must be copied, which must not hold up the main queue.
+  // The open descriptor keeps them after the session removes the temporary file when this
+  // callback returns.
+  int in = ::open(location->c_str(), O_RDONLY | O_CLOEXEC);
+  if (in < 0) {
+    failWithError(PosixError(errno, *location));
+    return;
+  }
+  BackgroundQueue().async([self = self<DownloadCloudAttachmentOperation>(), in] {
+    ErrorRef copy_error;
+    bool copied = CopyInto(in, self->download_location_, &copy_error);
+    ::close(in);
+    if (copied) {
+      self->setState(State::kFinished);
+    } else {
+      self->failWithError(std::move(copy_error));
+    }
+  });
+}
+
+void DownloadCloudAttachmentOperation::didCompleteWithError(URLSession&, URLSessionTask& task,
+                                                            const ErrorRef& error) {
+  // Only an answer longer than announced ends the operation here; any other transport
+  // failure keeps leaving it running (see the class comment).
+  if (!IsOverlongReply(error)) return;
+  const auto* http = dynamic_cast<const HTTPURLResponse*>(task.response().get());
+  if (http != nullptr && !isSuccess(*http)) {
+    failWithError(CloudAttachmentError(CloudAttachmentErrorCode::kDownloadFailed));
+  } else {
+    failWithError(UnusableReply());
+  }
 }
 
 // ---- DeleteCloudAttachmentOperation -------------------------------------------------------

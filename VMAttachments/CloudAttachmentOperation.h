@@ -32,7 +32,9 @@ namespace vm {
 //
 // Threads: start() runs on the thread that calls it (the queue's); replies of the web API
 // arrive on the shared URL session's callback queue; everything of the private session
-// (storage-provider completion, progress, download finished) arrives on the main queue.
+// (storage-provider completion, progress, download finished) arrives on the main queue,
+// except that a download copied across file systems finishes on the background queue.
+// Web API replies over 1 MiB fail the operation (105) instead of being buffered.
 // The steps of one operation never overlap, each starting from the completion of the one
 // before. All accessors are thread-safe. Key-value notices are sent from whichever thread
 // makes the change.
@@ -67,6 +69,14 @@ class CloudAttachmentOperation : public Operation, public URLSessionDelegate {
   std::shared_ptr<Progress> progress() const;
   void setProgress(std::shared_ptr<Progress> progress);
   const AuthToken& authToken() const { return auth_token_; }
+
+  // The HTTP status of the web API's latest answer, or nullopt before the first. The
+  // operation's own outcome does not depend on it everywhere (a deletion counts any answer
+  // with data as done); a caller that must tell a refusal apart reads it here.
+  std::optional<int> apiStatus() const {
+    int status = api_status_.load();
+    return status > 0 ? std::optional<int>(status) : std::nullopt;
+  }
 
   // Called with the storage-provider task right after it was resumed (on the thread of the
   // step that starts it: the shared session's callback queue).
@@ -120,6 +130,7 @@ class CloudAttachmentOperation : public Operation, public URLSessionDelegate {
 
  private:
   std::atomic<State> state_{State::kNew};
+  std::atomic<int> api_status_{0};  // 0: no answer yet
   const AuthToken auth_token_;
   int canceled_observation_ = 0;
 
@@ -181,9 +192,10 @@ class UploadCloudAttachmentOperation : public TransferCloudAttachmentOperation {
 // not exist yet.
 //
 // A storage-provider download that fails in transport (no connection, timeout) leaves the
-// operation executing in authorizing, without an error: the operation has no completion
-// handler for that case, on purpose. Whoever needs a bound watches the task handed to
-// onURLTaskStarted.
+// operation executing in authorizing, without an error: the operation ends no transfer
+// for that case, on purpose. Whoever needs a bound watches the task handed to
+// onURLTaskStarted. The one exception is an answer longer than the web API announced,
+// which fails the operation rather than fill the disk.
 class DownloadCloudAttachmentOperation : public TransferCloudAttachmentOperation {
  public:
   DownloadCloudAttachmentOperation(AuthToken authToken, std::string attachmentUUID,
@@ -196,8 +208,15 @@ class DownloadCloudAttachmentOperation : public TransferCloudAttachmentOperation
   void didWriteData(URLSession& session, URLSessionTask& downloadTask, std::int64_t bytesWritten,
                     std::int64_t totalBytesWritten,
                     std::int64_t totalBytesExpectedToWrite) override;
+  // Moves the file into place: a rename on the same file system (on the main queue);
+  // across file systems a copy, made on the background queue, after which the operation
+  // finishes or fails from there.
   void didFinishDownloadingToURL(URLSession& session, URLSessionTask& downloadTask,
                                  const std::filesystem::path& location) override;
+  // An answer longer than the size the web API announced fails the operation (105, or 107
+  // when the answer was a refusal); every other transport failure is ignored, as above.
+  void didCompleteWithError(URLSession& session, URLSessionTask& task,
+                            const ErrorRef& error) override;
 
  protected:
   bool transfer(ErrorRef* error) override;

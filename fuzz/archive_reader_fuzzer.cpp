@@ -1,6 +1,8 @@
 // Feeds arbitrary bytes to the archive reader as an archive file: it must extract or
 // list them, or fail with an error, and never crash, hang, exhaust memory or write
-// outside the destination folder.
+// outside the destination folder, not even through a symbolic link that is already in
+// it. Each input is also fed once more with one of its lengths stretched far past the
+// end of the file, the way a corrupt or hostile archive would claim it.
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -13,7 +15,9 @@
 #include <cstring>
 #include <filesystem>
 #include <string>
+#include <string_view>
 #include <system_error>
+#include <vector>
 
 #include "VMAttachments/archive/BWFileWrapperReader.h"
 
@@ -21,7 +25,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// One scratch folder for the whole run, holding only "archive" and "dest".
+// One scratch folder for the whole run, holding only "archive", "dest" and "trap", where
+// the link "dest/out" leads.
 const fs::path& Root() {
   static const fs::path root = [] {
     std::string pattern = (fs::temp_directory_path() / "archive-fuzz-XXXXXX").string();
@@ -44,31 +49,72 @@ void WriteArchive(const fs::path& path, const std::uint8_t* data, std::size_t si
   ::close(fd);
 }
 
-// Anything but the two names in the root means an entry was written outside "dest".
+// The input with the length field of entry `selector % entries` (info and data lengths
+// counted alike) raised by 2^40 + 2^62 * (selector & 1): far past the end, or beyond any
+// allocation. Empty when the input has no length field to stretch.
+std::string Stretched(const std::uint8_t* data, std::size_t size, std::uint8_t selector) {
+  constexpr std::size_t kMagic = 14;
+  std::vector<std::size_t> fields;
+  std::size_t at = kMagic;
+  while (at + 8 <= size && fields.size() < 64) {
+    std::uint64_t length = 0;
+    for (int i = 7; i >= 0; --i) length = (length << 8) | data[at + i];
+    fields.push_back(at);
+    if (length > size - at - 8) break;
+    // Where the next field is depends on the type; a data length follows a regular
+    // file's info, which names its type in plain text.
+    std::string_view info(reinterpret_cast<const char*>(data) + at + 8,
+                          static_cast<std::size_t>(length));
+    at += 8 + static_cast<std::size_t>(length);
+    if (info.find("NSFileTypeRegular") != std::string_view::npos && at + 8 <= size) {
+      std::uint64_t data_length = 0;
+      for (int i = 7; i >= 0; --i) data_length = (data_length << 8) | data[at + i];
+      fields.push_back(at);
+      if (data_length > size - at - 8) break;
+      at += 8 + static_cast<std::size_t>(data_length);
+    }
+  }
+  if (fields.empty()) return {};
+  std::string bytes(reinterpret_cast<const char*>(data), size);
+  const std::size_t field = fields[selector % fields.size()];
+  std::uint64_t length = 0;
+  for (int i = 7; i >= 0; --i) length = (length << 8) | data[field + i];
+  length += (std::uint64_t{1} << 40) + ((selector & 1) ? std::uint64_t{1} << 62 : 0);
+  for (int i = 0; i < 8; ++i) bytes[field + i] = static_cast<char>(length >> (8 * i));
+  return bytes;
+}
+
+// Anything but the three names in the root, or anything in "trap", means an entry was
+// written outside "dest".
 void CheckNothingEscaped(const fs::path& root) {
   DIR* dir = ::opendir(root.c_str());
   if (dir == nullptr) std::abort();
   while (dirent* entry = ::readdir(dir)) {
     const char* name = entry->d_name;
     if (std::strcmp(name, ".") != 0 && std::strcmp(name, "..") != 0 &&
-        std::strcmp(name, "archive") != 0 && std::strcmp(name, "dest") != 0) {
+        std::strcmp(name, "archive") != 0 && std::strcmp(name, "dest") != 0 &&
+        std::strcmp(name, "trap") != 0) {
       std::fprintf(stderr, "entry escaped the destination: %s\n", name);
       std::abort();
     }
   }
   ::closedir(dir);
+  std::error_code ec;
+  if (!fs::is_empty(root / "trap", ec) || ec) {
+    std::fprintf(stderr, "an entry was written through the link dest/out\n");
+    std::abort();
+  }
 }
 
-}  // namespace
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  const fs::path& root = Root();
+void Feed(const fs::path& root, const std::uint8_t* data, std::size_t size) {
   const fs::path archive = root / "archive";
   const fs::path dest = root / "dest";
   WriteArchive(archive, data, size);
   std::error_code ec;
   fs::remove_all(dest, ec);
   fs::create_directory(dest, ec);
+  fs::create_directory(root / "trap", ec);
+  fs::create_directory_symlink("../trap", dest / "out", ec);
 
   vm::ErrorRef error;
   if (auto reader = vm::BWFileWrapperReader::initWithURL(archive, &error)) {
@@ -79,5 +125,18 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     lister->enumerateEntries([](const vm::BWFileWrapperReader::Entry&) {}, nullptr);
   }
   CheckNothingEscaped(root);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  const fs::path& root = Root();
+  Feed(root, data, size);
+  if (size > 0) {
+    std::string stretched = Stretched(data, size, data[size - 1]);
+    if (!stretched.empty()) {
+      Feed(root, reinterpret_cast<const std::uint8_t*>(stretched.data()), stretched.size());
+    }
+  }
   return 0;
 }

@@ -6,9 +6,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cmath>
 #include <cstdlib>
+#include <limits>
 #include <map>
 #include <system_error>
 #include <thread>
@@ -244,7 +247,22 @@ struct URLSessionTask::Transfer {
   std::filesystem::path temporary;  // download tasks, until handed to the delegate
   std::vector<std::uint8_t> data;
   std::string url;
+  std::optional<std::uint64_t> limit;  // the request's maximumResponseLength()
+  bool over_limit = false;
+  // The idle timeout: when a byte last moved either way, and whether the transfer was
+  // ended for standing still longer than `idle_limit`.
+  std::chrono::steady_clock::duration idle_limit{};
+  std::chrono::steady_clock::time_point last_activity = std::chrono::steady_clock::now();
+  curl_off_t last_down = 0;
+  curl_off_t last_up = 0;
+  bool idle_expired = false;
   char error_text[CURL_ERROR_SIZE] = {};
+
+  // Counts `n` more bytes of answer body against the limit; false once it is passed.
+  bool accept(std::uint64_t received, std::size_t n) {
+    if (limit && received + n > *limit) over_limit = true;
+    return !over_limit;
+  }
 
   ~Transfer() {
     if (easy != nullptr) curl_easy_cleanup(easy);
@@ -257,20 +275,23 @@ struct URLSessionTask::Transfer {
   }
 };
 
-// The session's I/O machinery: the multi handle and its thread, and the commands other
-// threads queue for it. Owned jointly by the session and its thread, so that a thread that
-// outlives its session (only when the session dies on that very thread) still has what it
-// uses.
+// The I/O machinery every session shares: the multi handle and its thread, and the
+// commands other threads queue for it. One per process (see Shared()), never destroyed:
+// its thread may be busy when the process exits.
 struct URLSession::Core : std::enable_shared_from_this<URLSession::Core> {
   struct Command {
     bool start;  // false: cancel
     std::shared_ptr<URLSessionTask> task;
   };
 
+  static const std::shared_ptr<Core>& Shared() {
+    static auto* shared = new std::shared_ptr<Core>(std::make_shared<Core>());
+    return *shared;
+  }
+
   CURLM* multi = nullptr;
   std::mutex mu;
   std::vector<Command> commands;
-  bool stop = false;
   std::thread thread;
   // I/O thread only. A task in here keeps its session alive, and so this core.
   std::map<CURL*, std::shared_ptr<URLSessionTask>> running;
@@ -290,30 +311,11 @@ struct URLSession::Core : std::enable_shared_from_this<URLSession::Core> {
     curl_multi_wakeup(multi);
   }
 
-  // Called by the session's destructor; nothing is running then (a running task keeps the
-  // session alive).
-  void shutDown() {
-    std::thread io;
-    {
-      std::lock_guard lock(mu);
-      stop = true;
-      io = std::move(thread);
-    }
-    curl_multi_wakeup(multi);
-    if (!io.joinable()) return;
-    if (io.get_id() == std::this_thread::get_id()) {
-      io.detach();
-    } else {
-      io.join();
-    }
-  }
-
   void run() {
     for (;;) {
       std::vector<Command> batch;
       {
         std::lock_guard lock(mu);
-        if (stop) break;
         batch.swap(commands);
       }
       for (Command& command : batch) {
@@ -340,15 +342,33 @@ struct URLSession::Core : std::enable_shared_from_this<URLSession::Core> {
   void finish(CURL* easy, CURLcode result);
   static ErrorRef configure(URLSessionTask& task, const URLSessionConfiguration& configuration);
 
+  static int watchIdle(void* user, curl_off_t, curl_off_t down, curl_off_t, curl_off_t up);
   static size_t collectData(char* bytes, size_t size, size_t count, void* user);
   static size_t writeFile(char* bytes, size_t size, size_t count, void* user);
   static size_t readFile(char* buffer, size_t size, size_t count, void* user);
   static int seekFile(void* user, curl_off_t offset, int origin);
 };
 
+// libcurl calls this at least once a second while the transfer runs, moving or not.
+int URLSession::Core::watchIdle(void* user, curl_off_t, curl_off_t down, curl_off_t,
+                                curl_off_t up) {
+  URLSessionTask::Transfer& transfer = *static_cast<URLSessionTask*>(user)->transfer_;
+  auto now = std::chrono::steady_clock::now();
+  if (down != transfer.last_down || up != transfer.last_up) {
+    transfer.last_down = down;
+    transfer.last_up = up;
+    transfer.last_activity = now;
+    return 0;
+  }
+  if (now - transfer.last_activity <= transfer.idle_limit) return 0;
+  transfer.idle_expired = true;
+  return 1;  // ends the transfer with CURLE_ABORTED_BY_CALLBACK
+}
+
 size_t URLSession::Core::collectData(char* bytes, size_t size, size_t count, void* user) {
   auto* task = static_cast<URLSessionTask*>(user);
   size_t n = size * count;
+  if (!task->transfer_->accept(task->transfer_->data.size(), n)) return 0;
   task->transfer_->data.insert(task->transfer_->data.end(), bytes, bytes + n);
   task->received_.fetch_add(static_cast<std::int64_t>(n));
   return n;
@@ -357,6 +377,7 @@ size_t URLSession::Core::collectData(char* bytes, size_t size, size_t count, voi
 size_t URLSession::Core::writeFile(char* bytes, size_t size, size_t count, void* user) {
   auto* task = static_cast<URLSessionTask*>(user);
   size_t n = size * count;
+  if (!task->transfer_->accept(static_cast<std::uint64_t>(task->received_.load()), n)) return 0;
   size_t done = 0;
   while (done < n) {
     ssize_t written = ::write(task->transfer_->fd, bytes + done, n - done);
@@ -429,16 +450,28 @@ ErrorRef URLSession::Core::configure(URLSessionTask& task,
   curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, kReceiveBufferSize);
   curl_easy_setopt(easy, CURLOPT_UPLOAD_BUFFERSIZE, kUploadBufferSize);
   curl_easy_setopt(easy, CURLOPT_PRIVATE, &task);
+  // Set explicitly: the Authorization header stays with the host it was meant for.
+  curl_easy_setopt(easy, CURLOPT_UNRESTRICTED_AUTH, 0L);
+  if ((transfer.limit = request.maximumResponseLength())) {
+    // An answer that announces more is refused before its body is read.
+    curl_easy_setopt(
+        easy, CURLOPT_MAXFILESIZE_LARGE,
+        static_cast<curl_off_t>(std::min<std::uint64_t>(
+            *transfer.limit, static_cast<std::uint64_t>(std::numeric_limits<curl_off_t>::max()))));
+  }
 
   // The timeout is an idle timeout, as the platform's sessions have it: a transfer fails
   // when connecting takes longer, or when no byte moves for that long, however long the
-  // whole transfer takes.
+  // whole transfer takes. libcurl's low-speed check averages over several seconds, so a
+  // burst followed by silence would outlast the timeout; the transfer is watched here.
   if (request.timeoutInterval() > 0) {
     double seconds = request.timeoutInterval();
     curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(seconds * 1000.0));
-    curl_easy_setopt(easy, CURLOPT_LOW_SPEED_LIMIT, 1L);
-    curl_easy_setopt(easy, CURLOPT_LOW_SPEED_TIME,
-                     std::max(1L, static_cast<long>(std::ceil(seconds))));
+    transfer.idle_limit = std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+        std::chrono::duration<double>(seconds));
+    curl_easy_setopt(easy, CURLOPT_NOPROGRESS, 0L);
+    curl_easy_setopt(easy, CURLOPT_XFERINFOFUNCTION, &Core::watchIdle);
+    curl_easy_setopt(easy, CURLOPT_XFERINFODATA, &task);
   }
 
   const std::string& method = request.httpMethod();
@@ -592,6 +625,11 @@ void URLSession::Core::finish(CURL* easy, CURLcode result) {
     } else {
       outcome.data = std::move(transfer.data);
     }
+  } else if (transfer.idle_expired) {
+    outcome.error = URLSessionError(CURLE_OPERATION_TIMEDOUT, transfer.url, "no data moved");
+  } else if (transfer.over_limit || result == CURLE_FILESIZE_EXCEEDED) {
+    outcome.error =
+        URLError(kURLErrorDataLengthExceedsMaximum, "resource exceeds maximum size", transfer.url);
   } else {
     outcome.error = URLSessionError(result, transfer.url, transfer.error_text);
   }
@@ -654,9 +692,9 @@ URLSession::URLSession(URLSessionConfiguration configuration,
     : configuration_(std::move(configuration)),
       delegate_(std::move(delegate)),
       delegate_queue_(std::move(delegateQueue)),
-      core_(std::make_shared<Core>()) {}
+      core_(Core::Shared()) {}
 
-URLSession::~URLSession() { core_->shutDown(); }
+URLSession::~URLSession() = default;
 
 std::shared_ptr<URLSession> URLSession::sharedSession() {
   // Never destroyed: its thread may be busy when the process exits.

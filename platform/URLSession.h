@@ -43,6 +43,11 @@ class URLRequest {
   double timeoutInterval() const { return timeout_; }
   void setTimeoutInterval(double seconds) { timeout_ = seconds; }
 
+  // The most bytes of answer body the task accepts; a longer answer fails the task with
+  // kURLErrorDataLengthExceedsMaximum instead of growing memory or a file. Unset: no limit.
+  std::optional<std::uint64_t> maximumResponseLength() const { return maximum_response_; }
+  void setMaximumResponseLength(std::optional<std::uint64_t> bytes) { maximum_response_ = bytes; }
+
   const HTTPHeaderFields& allHTTPHeaderFields() const { return headers_; }
   std::optional<std::string> valueForHTTPHeaderField(std::string_view field) const;
   // Adds `value` to `field`; a field that already has a value gets ", value" appended.
@@ -56,6 +61,7 @@ class URLRequest {
   std::optional<std::vector<std::uint8_t>> body_;
   int cache_policy_;
   double timeout_;
+  std::optional<std::uint64_t> maximum_response_;
   HTTPHeaderFields headers_;
 };
 
@@ -193,9 +199,11 @@ struct URLSessionConfiguration {
   std::string caBundle;
 };
 
-// An HTTP client session on libcurl's multi interface. Each session runs its transfers on
-// one I/O thread of its own, started when its first task is resumed and stopped when the
-// session goes away. Only http and https are spoken, with TLS verification on. Upload
+// An HTTP client session on libcurl's multi interface. All sessions of the process share
+// one multi handle and one I/O thread, started when the first task is resumed and kept for
+// the life of the process: a thousand sessions with transfers in flight cost a thousand
+// connections, not a thousand threads. Only http and https are spoken, with TLS
+// verification on; a redirect to another host never carries the Authorization header. Upload
 // tasks stream from their file and download tasks stream into a temporary file, so memory
 // use does not grow with the size of what is sent.
 //
@@ -286,6 +294,7 @@ enum URLErrorCode : std::int64_t {
   kURLErrorFileDoesNotExist = -1100,
   kURLErrorFileIsDirectory = -1101,
   kURLErrorNoPermissionsToReadFile = -1102,
+  kURLErrorDataLengthExceedsMaximum = -1103,
   kURLErrorSecureConnectionFailed = -1200,
   kURLErrorServerCertificateUntrusted = -1202,
   kURLErrorCannotCreateFile = -3000,

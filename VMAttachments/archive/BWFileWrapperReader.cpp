@@ -28,10 +28,10 @@ namespace {
 
 constexpr std::size_t kCopyBufferSize = 8192;
 
-// When the archive is not a regular file (a pipe, say) its size is unknown; an info block
-// longer than this is then treated like one that runs past the end. Real info blocks are
-// a few hundred bytes.
-constexpr std::uint64_t kInfoLimitOfUnsizedArchive = 16u << 20;
+// Real info blocks are a few hundred bytes. A longer one is treated like one that runs
+// past the end, whatever the input, so that no length in a file makes the reader allocate
+// more than this.
+constexpr std::uint64_t kInfoLimit = 16u << 20;
 
 ErrorRef JSONReadError(std::string_view why) {
   return Error::WithDescription(NSCocoaErrorDomain, kBWFileWrapperJSONReadError,
@@ -66,8 +66,8 @@ std::filesystem::path WithoutTrailingSeparator(std::filesystem::path path) {
 }
 
 // Creates the directory and any missing ancestors with the default mode; an existing
-// directory (or link to one) is fine. Walks up only as far as it has to, so the common
-// case is one mkdir(2).
+// directory (or link to one) is fine. Used for the destination itself only, which is the
+// caller's choice; nothing below it is reached through a link (see Beneath).
 bool MakeDirectories(const std::filesystem::path& target, ErrorRef* error) {
   std::vector<std::filesystem::path> pending{WithoutTrailingSeparator(target)};
   while (!pending.empty()) {
@@ -93,13 +93,81 @@ bool MakeDirectories(const std::filesystem::path& target, ErrorRef* error) {
   return true;
 }
 
-// A new, empty file at `target` with the default mode, replacing any file or link that
-// is there (never writing through a link). -1 when that is impossible.
-int CreateReplacingFile(const std::filesystem::path& target) {
+// The components of an entry's "path" that name something: empty ones and "." dropped.
+// ".." stays: StaysInside() has made sure it never climbs above the destination.
+std::vector<std::string> Components(std::string_view path) {
+  std::vector<std::string> components;
+  while (!path.empty()) {
+    std::size_t slash = path.find('/');
+    std::string_view component = path.substr(0, slash);
+    path = slash == std::string_view::npos ? std::string_view() : path.substr(slash + 1);
+    if (!component.empty() && component != ".") components.emplace_back(component);
+  }
+  return components;
+}
+
+// Walks folders below an open destination one component at a time and never follows a
+// symbolic link on the way, so that a link already in the destination cannot carry an
+// entry elsewhere. The walk holds descriptors, so a link swapped in meanwhile is no
+// better.
+class Beneath {
+ public:
+  enum class Outcome { kOpened, kLink, kFailed };
+
+  // Opens the folder named by the first `count` components below `root`; with `create`,
+  // a missing folder is made on the way. On kFailed, `*error_number` says why.
+  static Outcome openFolder(int root, const std::vector<std::string>& components, std::size_t count,
+                            bool create, ScopedFd* folder, int* error_number) {
+    ScopedFd current(::fcntl(root, F_DUPFD_CLOEXEC, 0));
+    for (std::size_t i = 0; i < count && current.valid(); ++i) {
+      const char* name = components[i].c_str();
+      int fd = ::openat(current.get(), name, kFolderFlags);
+      if (fd < 0 && errno == ENOENT && create) {
+        if (::mkdirat(current.get(), name, 0777) != 0 && errno != EEXIST) {
+          *error_number = errno;
+          return Outcome::kFailed;
+        }
+        fd = ::openat(current.get(), name, kFolderFlags);
+      }
+      if (fd < 0) {
+        // As mkdir(2) says it: something that is not a folder is in the way.
+        *error_number = create && errno == ENOTDIR ? EEXIST : errno;
+        return IsLink(current.get(), name) ? Outcome::kLink : Outcome::kFailed;
+      }
+      current = ScopedFd(fd);
+    }
+    if (!current.valid()) {
+      *error_number = errno;
+      return Outcome::kFailed;
+    }
+    *folder = std::move(current);
+    return Outcome::kOpened;
+  }
+
+ private:
+  static constexpr int kFolderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+
+  static bool IsLink(int folder, const char* name) {
+    struct stat st;
+    return ::fstatat(folder, name, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISLNK(st.st_mode);
+  }
+};
+
+ErrorRef UnsafePathError(std::string_view path, const std::filesystem::path& destination,
+                         std::string_view why) {
+  return Error::WithDescription(
+      BWFileWrapperErrorDomain, kBWFileWrapperUnsafePathError,
+      fmt::format("The archive entry \"{}\" would be written outside \"{}\"{}", path,
+                  destination.string(), why));
+}
+
+// A new, empty file `name` in `folder` with the default mode, replacing any file or link
+// that is there (never writing through a link). -1 when that is impossible.
+int CreateReplacingFile(int folder, const char* name) {
   constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
-  int fd = ::open(target.c_str(), kFlags, 0666);
-  if (fd < 0 && errno == EEXIST && ::unlink(target.c_str()) == 0) {
-    fd = ::open(target.c_str(), kFlags, 0666);
+  int fd = ::openat(folder, name, kFlags, 0666);
+  if (fd < 0 && errno == EEXIST && ::unlinkat(folder, name, 0) == 0) {
+    fd = ::openat(folder, name, kFlags, 0666);
   }
   return fd;
 }
@@ -168,7 +236,7 @@ BWFileWrapperReader::Next BWFileWrapperReader::readInfo(Info* info, ErrorRef* er
 
   const std::uint64_t length = DecodeLength(length_bytes);
   if (!fits(length, error)) return Next::kFailed;
-  if (!size_ && length > kInfoLimitOfUnsizedArchive) {
+  if (length > kInfoLimit) {
     Fail(error, ShortReadError(0, archive_));
     return Next::kFailed;
   }
@@ -245,6 +313,13 @@ std::int32_t BWFileWrapperReader::unarchiveFilesTo(const std::filesystem::path& 
                                                    ErrorRef* error) {
   std::int32_t result = 1;
   std::int64_t unnamed = 0;
+  ScopedFd root;  // the destination, opened at its first use
+  auto open_root = [&](bool create, ErrorRef* root_error) {
+    if (root.valid()) return true;
+    if (create && !MakeDirectories(destination, root_error)) return false;
+    root = ScopedFd(::open(destination.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return root.valid() || Fail(root_error, PosixError(errno, destination));
+  };
   for (;;) {
     Info info;
     switch (readInfo(&info, error)) {
@@ -256,35 +331,60 @@ std::int32_t BWFileWrapperReader::unarchiveFilesTo(const std::filesystem::path& 
         break;
     }
     const bool regular = info.type == NSFileTypeRegular;
+    const bool directory = info.type == NSFileTypeDirectory;
 
-    std::filesystem::path target;
+    std::vector<std::string> components;
     if (info.path) {
       if (!StaysInside(*info.path)) {
-        Fail(error, Error::WithDescription(
-                        BWFileWrapperErrorDomain, kBWFileWrapperUnsafePathError,
-                        fmt::format("The archive entry \"{}\" would be written outside \"{}\"",
-                                    *info.path, destination.string())));
+        Fail(error, UnsafePathError(*info.path, destination, ""));
         return 0;
       }
-      target = destination / *info.path;
+      components = Components(*info.path);
     } else if (regular) {
-      target = destination / fmt::format("{}.recovered", unnamed++);
+      components.push_back(fmt::format("{}.recovered", unnamed++));
       result = 2;
     } else {
       result = 2;  // nothing to name it by, and no data follows
       continue;
     }
+    if (!regular && !directory) continue;  // links and the rest create nothing
 
+    const std::string shown = info.path.value_or(components.back());
+    ScopedFd folder;
+    int error_number = 0;
     if (regular) {
-      // Creating and opening are one step here, so the only failure is the creation's,
-      // which is reported by the result alone.
-      ScopedFd out(CreateReplacingFile(target));
+      // A file whose folder cannot be reached counts as a creation failure, reported by
+      // the result alone; a link on the way is refused like a path that climbs out.
+      if (components.empty() || !open_root(false, nullptr)) return 0;
+      switch (Beneath::openFolder(root.get(), components, components.size() - 1, false, &folder,
+                                  &error_number)) {
+        case Beneath::Outcome::kLink:
+          Fail(error, UnsafePathError(shown, destination, " through a symbolic link"));
+          return 0;
+        case Beneath::Outcome::kFailed:
+          return 0;
+        case Beneath::Outcome::kOpened:
+          break;
+      }
+      const std::filesystem::path target = destination / shown;
+      ScopedFd out(CreateReplacingFile(folder.get(), components.back().c_str()));
       if (!out.valid()) return 0;
       std::uint64_t length = 0;
       if (!readDataLength(&length, error)) return 0;
       if (!copyData(length, out.get(), &target, error)) return 0;
-    } else if (info.type == NSFileTypeDirectory) {
-      if (!MakeDirectories(target, error)) return 0;
+    } else {
+      if (!open_root(true, error)) return 0;
+      switch (Beneath::openFolder(root.get(), components, components.size(), true, &folder,
+                                  &error_number)) {
+        case Beneath::Outcome::kLink:
+          Fail(error, UnsafePathError(shown, destination, " through a symbolic link"));
+          return 0;
+        case Beneath::Outcome::kFailed:
+          Fail(error, PosixError(error_number, destination / shown));
+          return 0;
+        case Beneath::Outcome::kOpened:
+          break;
+      }
     }
   }
 }

@@ -17,9 +17,9 @@ namespace vm {
 // Single use: the read position is never rewound, so a second unarchiveFilesTo() finds
 // the end at once. The archive file is closed when the reader goes away. Not thread-safe.
 //
-// The reader trusts nothing it reads: a length larger than what is left of the archive
-// is refused before anything is allocated or read for it, and an entry whose path would
-// land outside the destination is refused before anything is written for it.
+// The reader trusts nothing it reads: a length larger than what is left of the archive,
+// or an info block over 16 MiB, is refused before anything is allocated or read for it, and an
+// entry whose path would land outside the destination is refused before anything is written for it.
 class BWFileWrapperReader {
  public:
   // What one entry says about itself, for listing.
@@ -58,8 +58,9 @@ class BWFileWrapperReader {
   //    of file, including a length that claims more than the archive still holds);
   //  - an info block that is not a JSON object with string "path"/"type":
   //    NSCocoaErrorDomain, kBWFileWrapperJSONReadError;
-  //  - a "path" that is absolute or climbs out of `destination`: BWFileWrapperErrorDomain,
-  //    kBWFileWrapperUnsafePathError;
+  //  - a "path" that is absolute, climbs out of `destination`, or passes through a
+  //    symbolic link already in `destination` (which could lead anywhere):
+  //    BWFileWrapperErrorDomain, kBWFileWrapperUnsafePathError;
   //  - a directory that cannot be made: NSPOSIXErrorDomain;
   //  - a regular file that cannot be created (its folder is missing, say): result 0 and
   //    `*error` deliberately left untouched.

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <nlohmann/json.hpp>
 
@@ -18,45 +19,51 @@ namespace vm {
 using archive_internal::EncodeLength;
 using archive_internal::FileTypeName;
 using archive_internal::ScopedFd;
+using archive_internal::WriteFully;
 using archive_internal::WriteOnce;
 
 namespace {
 
-// A regular file's whole contents, mapped read-only for as long as the object lives.
-class MappedFile {
- public:
-  MappedFile() = default;
-  MappedFile(const MappedFile&) = delete;
-  MappedFile& operator=(const MappedFile&) = delete;
-  ~MappedFile() {
-    if (data_ != nullptr) ::munmap(data_, size_);
-  }
+// The data of a regular file is mapped and written one window at a time, so memory does
+// not grow with the file. Each window is populated up front: its writes then copy from
+// resident pages instead of faulting them in one by one.
+constexpr std::uint64_t kDataWindow = 32u << 20;
 
-  bool load(const std::filesystem::path& path, ErrorRef* error) {
+// A regular file opened for archiving, with the size it had when opened.
+struct SourceFile {
+  ScopedFd fd;
+  std::uint64_t size = 0;
+
+  bool open(const std::filesystem::path& path, ErrorRef* error) {
     // O_NONBLOCK: should the item have become a FIFO since it was described, opening it
     // must not wait for a writer.
-    ScopedFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+    fd = ScopedFd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
     if (!fd.valid()) return Fail(error, PosixError(errno, path));
     struct stat st;
     if (::fstat(fd.get(), &st) != 0) return Fail(error, PosixError(errno, path));
     if (!S_ISREG(st.st_mode)) return Fail(error, PosixError(EINVAL, path));
-    size_ = static_cast<std::size_t>(st.st_size);
-    if (size_ == 0) return true;  // nothing to map; an empty file is empty data
-    // Populated up front: the single write(2) then copies from resident pages instead of
-    // faulting them in one by one.
-    void* data = ::mmap(nullptr, size_, PROT_READ, MAP_PRIVATE | MAP_POPULATE, fd.get(), 0);
-    if (data == MAP_FAILED) return Fail(error, PosixError(errno, path));
-    data_ = data;
+    size = static_cast<std::uint64_t>(st.st_size);
     return true;
   }
-
-  const void* data() const { return data_; }
-  std::size_t size() const { return size_; }
-
- private:
-  void* data_ = nullptr;
-  std::size_t size_ = 0;
 };
+
+// Writes `size` bytes of `source` to `out`. A file that shrank meanwhile makes a write
+// from beyond its end fail (EFAULT), which fails the entry rather than the process.
+bool WriteData(const SourceFile& source, const std::filesystem::path& path, int out,
+               const std::filesystem::path& archive, ErrorRef* error) {
+  for (std::uint64_t offset = 0; offset < source.size;) {
+    const std::size_t length =
+        static_cast<std::size_t>(std::min(kDataWindow, source.size - offset));
+    void* window = ::mmap(nullptr, length, PROT_READ, MAP_PRIVATE | MAP_POPULATE, source.fd.get(),
+                          static_cast<off_t>(offset));
+    if (window == MAP_FAILED) return Fail(error, PosixError(errno, path));
+    bool written = WriteFully(out, window, length, archive, error);
+    ::munmap(window, length);
+    if (!written) return false;
+    offset += length;
+  }
+  return true;
+}
 
 }  // namespace
 
@@ -80,10 +87,15 @@ std::unique_ptr<BWFileWrapperWriter> BWFileWrapperWriter::initWithURL(
 }
 
 bool BWFileWrapperWriter::writeMagic(ErrorRef* error) {
-  return WriteOnce(fd_, kBWFileWrapperMagic.data(), kBWFileWrapperMagic.size(), archive_, error);
+  if (WriteOnce(fd_, kBWFileWrapperMagic.data(), kBWFileWrapperMagic.size(), archive_, error)) {
+    return true;
+  }
+  damaged_ = true;
+  return false;
 }
 
 bool BWFileWrapperWriter::writeFile(const std::filesystem::path& url, ErrorRef* error) {
+  if (damaged_) return Fail(error, PosixError(EIO, archive_));
   struct stat st;
   if (::lstat(url.c_str(), &st) != 0) return Fail(error, PosixError(errno, url));
 
@@ -102,19 +114,23 @@ bool BWFileWrapperWriter::writeFile(const std::filesystem::path& url, ErrorRef* 
                            NSCocoaErrorDomain, kBWFileWrapperJSONWriteError,
                            "The name of \"" + url.string() + "\" is not valid UTF-8: " + e.what()));
   }
+  // Opened before anything of the entry is written: an item that cannot be read is left
+  // out whole instead of leaving an info block without its data.
+  SourceFile contents;
+  if (type == NSFileTypeRegular && !contents.open(url, error)) return false;
 
+  // From here on a failure leaves a partial entry behind.
   unsigned char length[8];
   EncodeLength(text.size(), length);
-  if (!WriteOnce(fd_, length, sizeof length, archive_, error)) return false;
-  if (!WriteOnce(fd_, text.data(), text.size(), archive_, error)) return false;
-  if (type != NSFileTypeRegular) return true;
-
-  MappedFile contents;
-  if (!contents.load(url, error)) return false;
-  EncodeLength(contents.size(), length);
-  if (!WriteOnce(fd_, length, sizeof length, archive_, error)) return false;
-  // Deliberately one call: no chunking and no retry of a short write.
-  return WriteOnce(fd_, contents.data(), contents.size(), archive_, error);
+  bool written = WriteOnce(fd_, length, sizeof length, archive_, error) &&
+                 WriteOnce(fd_, text.data(), text.size(), archive_, error);
+  if (written && type == NSFileTypeRegular) {
+    EncodeLength(contents.size, length);
+    written = WriteOnce(fd_, length, sizeof length, archive_, error) &&
+              WriteData(contents, url, fd_, archive_, error);
+  }
+  if (!written) damaged_ = true;
+  return written;
 }
 
 }  // namespace vm

@@ -18,7 +18,8 @@ class SubPathResolver;
 // away. Not thread-safe: use it from one thread at a time.
 //
 // Every failure ends the operation at once and leaves what was written so far: there is
-// no rollback and no removal of a half-written archive.
+// no rollback and no removal of a half-written archive. A failure before an entry's first
+// byte leaves the archive whole; one after it leaves it damaged() (see there).
 class BWFileWrapperWriter {
  public:
   // Opens the existing file at `url` for writing at offset 0, neither creating nor
@@ -36,11 +37,17 @@ class BWFileWrapperWriter {
   bool writeMagic(ErrorRef* error);
 
   // Appends one entry for the item at `url`, described by lstat (a symbolic link is
-  // recorded as a link, never followed). A regular file's contents are memory-mapped and
-  // handed to the kernel in one write(2); a write that comes up short is a failure, not
-  // retried. Throws InternalInconsistencyException when `url` does not lie below
+  // recorded as a link, never followed). A regular file is opened before anything is
+  // written, so an item that cannot be read fails with the archive still whole. Its
+  // contents are mapped and written a window at a time, each write looping until every
+  // byte is out (one write(2) moves at most about 2 GiB): memory use does not grow with
+  // the file. Throws InternalInconsistencyException when `url` does not lie below
   // baseDir() (see subPathFromURL()).
   bool writeFile(const std::filesystem::path& url, ErrorRef* error);
+
+  // Whether a write to the archive failed part-way, leaving it unreadable past that point.
+  // Once damaged, writeFile() refuses (EIO): the archive must be given up.
+  bool damaged() const { return damaged_; }
 
   // The archive's descriptor, owned by the writer.
   int fileHandle() const { return fd_; }
@@ -53,6 +60,7 @@ class BWFileWrapperWriter {
   std::filesystem::path archive_;
   std::filesystem::path base_dir_;
   std::unique_ptr<archive_internal::SubPathResolver> resolver_;
+  bool damaged_ = false;
 };
 
 }  // namespace vm

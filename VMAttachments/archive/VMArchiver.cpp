@@ -35,7 +35,9 @@ bool VMArchiver::archiveFilesInDirectory(const std::filesystem::path& directory,
   std::filesystem::recursive_directory_iterator it(directory, ec), end;
   while (!ec && it != end) {
     ErrorRef item_error;
-    if (!writer->writeFile(it->path(), &item_error) && error != nullptr) {
+    // Without an error pointer a skipped item is no failure, but an archive left damaged
+    // by a failed write is: it must never pass for a good one.
+    if (!writer->writeFile(it->path(), &item_error) && (error != nullptr || writer->damaged())) {
       return Fail(error, std::move(item_error));
     }
     it.increment(ec);
@@ -51,9 +53,9 @@ bool VMArchiver::archiveFile(const std::filesystem::path& file, const std::files
       BWFileWrapperWriter::initWithURL(to, item.parent_path(), error);
   if (!writer) return false;
   ErrorRef item_error;
-  bool written = writer->writeFile(item, &item_error);
-  if (error == nullptr) return true;
-  if (!written) return Fail(error, std::move(item_error));
+  if (!writer->writeFile(item, &item_error) && (error != nullptr || writer->damaged())) {
+    return Fail(error, std::move(item_error));
+  }
   return true;
 }
 

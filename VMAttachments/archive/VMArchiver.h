@@ -15,8 +15,10 @@ namespace vm {
 //
 // Every `error` may be null. Two calls deliberately behave differently without one:
 // createArchiveForWriting() then empties an existing file instead of refusing it, and
-// the archive calls then go on past (or ignore) an item that cannot be written. Nothing
-// is cleaned up after a failure: a half-written archive stays where it is.
+// the archive calls then go on past (or ignore) an item that cannot be read. A failed
+// write to the archive itself fails every archive call, error or not: an archive is never
+// left corrupt behind a success. Nothing is cleaned up after a failure: a half-written
+// archive stays where it is.
 class VMArchiver {
  public:
   VMArchiver() = delete;
@@ -31,13 +33,13 @@ class VMArchiver {
   // folder before its contents, siblings in the order the file system lists them, hidden
   // items included, symbolic links recorded as links and not followed. The first error
   // of the directory walk ends the walk quietly and the call still succeeds with what was
-  // written. An item that cannot be written fails the call when `error` is given, and is
+  // written. An item that cannot be read fails the call when `error` is given, and is
   // skipped otherwise.
   static bool archiveFilesInDirectory(const std::filesystem::path& directory,
                                       const std::filesystem::path& to, ErrorRef* error);
 
-  // Archives one item under its own name. Without `error` the call succeeds whatever the
-  // writer reported.
+  // Archives one item under its own name. Without `error` the call succeeds unless the
+  // archive itself could not be written.
   static bool archiveFile(const std::filesystem::path& file, const std::filesystem::path& to,
                           ErrorRef* error);
 

@@ -34,11 +34,23 @@ class AttachmentAPILoader {
 
   // Starts a data task with `urlRequest` at once. `completion` runs on the session's
   // delegate queue (for the shared session: its own callback queue, not the main queue).
-  void load(const URLRequest& urlRequest, Completion completion) const {
+  // `onResponse`, when given, sees every HTTP answer just before `completion` runs, for a
+  // caller that wants the status this loader does not judge.
+  void load(const URLRequest& urlRequest, Completion completion,
+            std::function<void(const HTTPURLResponse&)> onResponse = {}) const {
     auto task = session_->dataTaskWithRequest(
-        urlRequest, [completion = std::move(completion)](
+        urlRequest, [completion = std::move(completion), onResponse = std::move(onResponse)](
                         std::optional<JSONData> data, std::shared_ptr<const URLResponse> response,
                         ErrorRef error) {
+          if (const auto* http = dynamic_cast<const HTTPURLResponse*>(response.get());
+              http != nullptr && onResponse) {
+            onResponse(*http);
+          }
+          // A reply longer than the request allowed is no reply this client can use.
+          if (IsOverlongReply(error)) {
+            completion(nullptr, CloudAttachmentError(CloudAttachmentErrorCode::kUnusableReply));
+            return;
+          }
           if (!data || !response) {
             completion(nullptr, std::move(error));
             return;

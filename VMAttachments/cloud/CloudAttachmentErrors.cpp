@@ -1,6 +1,7 @@
 #include "VMAttachments/cloud/CloudAttachmentErrors.h"
 
 #include "VMAttachments/schemes/VMAttachmentSchemesBundle.h"
+#include "platform/URLSession.h"
 
 namespace vm {
 namespace {
@@ -48,6 +49,11 @@ ErrorRef CloudAttachmentError(CloudAttachmentErrorCode code) {
     }
   }
   return Bare(code);
+}
+
+bool IsOverlongReply(const ErrorRef& error) {
+  return error && error->domain() == NSURLErrorDomain &&
+         error->code() == kURLErrorDataLengthExceedsMaximum;
 }
 
 }  // namespace vm

@@ -24,6 +24,10 @@ enum class CloudAttachmentErrorCode : std::int64_t {
 // no user info; the others carry their localised description.
 ErrorRef CloudAttachmentError(CloudAttachmentErrorCode code);
 
+// Whether a URL session ended a transfer because the answer was longer than the request
+// allowed: to the cloud operations, an unusable reply.
+bool IsOverlongReply(const ErrorRef& error);
+
 }  // namespace vm
 
 #endif  // VM_VMATTACHMENTS_CLOUD_CLOUDATTACHMENTERRORS_H_

@@ -1,4 +1,9 @@
+#include <arpa/inet.h>
+#include <dirent.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -294,6 +299,173 @@ TEST_F(URLSessionTest, SharedSessionAnswersOnItsOwnQueue) {
       ->resume();
   ASSERT_TRUE(RunMainUntil([&] { return done.load(); }));
   EXPECT_FALSE(on_main.load());
+}
+
+struct LimitCase {
+  const char* name;
+  URLSessionTask::Kind kind;
+  std::size_t body;
+  bool chunked;  // no Content-Length: only counting the bytes can tell
+  bool fails;
+};
+
+TEST_F(URLSessionTest, AnswersLongerThanTheLimitFailInsteadOfGrowing) {
+  constexpr std::size_t kLimit = 1 << 20;
+  const LimitCase cases[] = {
+      {"data at the limit", URLSessionTask::Kind::kData, kLimit, false, false},
+      {"data over, announced", URLSessionTask::Kind::kData, kLimit + 1, false, true},
+      {"data over, chunked", URLSessionTask::Kind::kData, 3 * kLimit, true, true},
+      {"download at the limit, chunked", URLSessionTask::Kind::kDownload, kLimit, true, false},
+      {"download over, announced", URLSessionTask::Kind::kDownload, kLimit + 1, false, true},
+      {"download over, chunked", URLSessionTask::Kind::kDownload, 3 * kLimit, true, true},
+  };
+  for (const LimitCase& c : cases) {
+    SCOPED_TRACE(c.name);
+    *recorder_ = Recorder();
+    server_->on("GET", "/big", [&](const ServerRequest&) {
+      ServerReply reply{200, std::string(c.body, 'b'), "application/octet-stream"};
+      reply.chunked = c.chunked;
+      return reply;
+    });
+    URLRequest request(Url(server_->url("/big")));
+    request.setMaximumResponseLength(kLimit);
+    auto task = c.kind == URLSessionTask::Kind::kData ? session_->dataTaskWithRequest(request)
+                                                      : session_->downloadTaskWithRequest(request);
+    task->resume();
+    ASSERT_TRUE(RunMainUntil([&] { return recorder_->completed; }));
+    if (!c.fails) {
+      EXPECT_EQ(recorder_->error, nullptr);
+      continue;
+    }
+    ASSERT_NE(recorder_->error, nullptr);
+    EXPECT_EQ(recorder_->error->code(), kURLErrorDataLengthExceedsMaximum);
+    EXPECT_LE(task->countOfBytesReceived(), static_cast<std::int64_t>(kLimit));
+    EXPECT_FALSE(recorder_->finished_location) << "no did-finish for a refused answer";
+  }
+}
+
+TEST_F(URLSessionTest, IdleTimeoutEndsATransferStalledHalfWay) {
+  server_->on("GET", "/stalls", [](const ServerRequest&) {
+    ServerReply reply{200, std::string(64 * 1024, 's'), "application/octet-stream"};
+    reply.chunked = true;
+    reply.stallAfter = 1024;
+    reply.stallForMilliseconds = 3000;
+    return reply;
+  });
+  for (auto kind : {URLSessionTask::Kind::kData, URLSessionTask::Kind::kDownload}) {
+    *recorder_ = Recorder();
+    URLRequest request(Url(server_->url("/stalls")), URLRequest::kUseProtocolCachePolicy, 1.0);
+    auto started = std::chrono::steady_clock::now();
+    (kind == URLSessionTask::Kind::kData ? session_->dataTaskWithRequest(request)
+                                         : session_->downloadTaskWithRequest(request))
+        ->resume();
+    ASSERT_TRUE(RunMainUntil([&] { return recorder_->completed; }));
+    ASSERT_NE(recorder_->error, nullptr);
+    EXPECT_EQ(recorder_->error->code(), kURLErrorTimedOut);
+    EXPECT_LT(std::chrono::steady_clock::now() - started, 2900ms)
+        << "ended before the server went on";
+  }
+}
+
+TEST_F(URLSessionTest, RefusesAServerWhoseCertificateIsNotTrusted) {
+  ASSERT_TRUE(testing::WriteSelfSignedCertificate(temp_ / "cert.pem", temp_ / "key.pem"));
+  LoopbackServer tls(temp_ / "cert.pem", temp_ / "key.pem");
+  tls.on("GET", "/ok", [](const ServerRequest&) { return ServerReply{200, "secret"}; });
+
+  URLSessionConfiguration trusting = URLSessionConfiguration::ephemeralSessionConfiguration();
+  trusting.caBundle = temp_ / "cert.pem";
+  URLSessionConfiguration system = URLSessionConfiguration::ephemeralSessionConfiguration();
+  system.caBundle.clear();
+  const std::pair<const char*, URLSessionConfiguration> cases[] = {{"system trust", system},
+                                                                   {"told to trust it", trusting}};
+  for (const auto& [name, configuration] : cases) {
+    SCOPED_TRACE(name);
+    *recorder_ = Recorder();
+    auto session =
+        URLSession::sessionWithConfiguration(configuration, recorder_, MainQueuePointer());
+    session->dataTaskWithRequest(URLRequest(Url(tls.url("/ok"))))->resume();
+    ASSERT_TRUE(RunMainUntil([&] { return recorder_->completed; }));
+    if (configuration.caBundle.empty()) {
+      ASSERT_NE(recorder_->error, nullptr);
+      EXPECT_EQ(recorder_->error->code(), kURLErrorServerCertificateUntrusted);
+    } else {
+      EXPECT_EQ(recorder_->error, nullptr) << recorder_->error->summary();
+    }
+  }
+  EXPECT_EQ(tls.requests().size(), 1u) << "nothing reached the untrusted server";
+}
+
+TEST_F(URLSessionTest, AuthorizationStaysWithItsHostAcrossRedirects) {
+  LoopbackServer other;
+  other.on("GET", "/landing", [](const ServerRequest&) { return ServerReply{200, "landed"}; });
+  server_->on("GET", "/landing", [](const ServerRequest&) { return ServerReply{200, "landed"}; });
+  const std::string elsewhere = "http://localhost:" + std::to_string(other.port()) + "/landing";
+  const std::pair<std::string, bool> cases[] = {{elsewhere, false},
+                                                {server_->url("/landing"), true}};
+  for (const auto& [target, kept] : cases) {
+    SCOPED_TRACE(target);
+    *recorder_ = Recorder();
+    server_->clearRequests();
+    other.clearRequests();
+    server_->on("GET", "/moved", [target = target](const ServerRequest&) {
+      ServerReply reply{302, ""};
+      reply.headers = {{"Location", target}};
+      return reply;
+    });
+    URLRequest request(Url(server_->url("/moved")));
+    request.addValue("Velmora secret-token", "Authorization");
+    session_->dataTaskWithRequest(request)->resume();
+    ASSERT_TRUE(RunMainUntil([&] { return recorder_->completed; }));
+    EXPECT_EQ(recorder_->error, nullptr);
+    std::vector<ServerRequest> landed = kept ? server_->requests() : other.requests();
+    ASSERT_FALSE(landed.empty());
+    EXPECT_EQ(landed.back().path, "/landing");
+    EXPECT_EQ(landed.back().headerCount("Authorization"), kept ? 1u : 0u);
+  }
+}
+
+std::size_t ThreadCount() {
+  std::size_t count = 0;
+  DIR* dir = ::opendir("/proc/self/task");
+  while (dirent* entry = dir ? ::readdir(dir) : nullptr) count += entry->d_name[0] != '.';
+  if (dir) ::closedir(dir);
+  return count;
+}
+
+TEST_F(URLSessionTest, ThousandSessionsInFlightShareTheirIO) {
+  // A listener that never accepts: every transfer stays connecting or waiting.
+  int listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  ASSERT_EQ(::listen(listener, 1024), 0);
+  ASSERT_EQ(::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length), 0);
+  const std::string url = "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/";
+
+  constexpr int kSessions = 1000;
+  const std::size_t threads_before = ThreadCount();
+  std::vector<std::shared_ptr<URLSessionTask>> tasks;
+  auto delegate = std::make_shared<URLSessionDelegate>();
+  int completed = 0;
+  for (int i = 0; i < kSessions; ++i) {
+    // As each cloud operation does: a private session of its own.
+    auto session = URLSession::sessionWithConfiguration(
+        URLSessionConfiguration::ephemeralSessionConfiguration(), delegate, MainQueuePointer());
+    auto task = session->dataTaskWithRequest(URLRequest(Url(url)),
+                                             [&completed](auto, auto, ErrorRef) { ++completed; });
+    task->resume();
+    tasks.push_back(std::move(task));
+  }
+  std::this_thread::sleep_for(200ms);
+  EXPECT_LT(ThreadCount(), threads_before + 8) << "threads grow with sessions";
+  for (auto& task : tasks) {
+    EXPECT_EQ(task->state(), URLSessionTask::State::kRunning);
+    task->cancel();
+  }
+  EXPECT_TRUE(RunMainUntil([&] { return completed == kSessions; }));
+  ::close(listener);
 }
 
 TEST(URLTest, AppendingAPathComponentPutsExactlyOneSlash) {

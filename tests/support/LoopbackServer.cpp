@@ -3,9 +3,14 @@
 #include <arpa/inet.h>
 #include <httplib.h>
 #include <netinet/in.h>
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/x509.h>
+#include <openssl/x509v3.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <mutex>
 #include <regex>
 #include <stdexcept>
@@ -47,7 +52,8 @@ struct LoopbackServer::Impl {
     RouteHandler handler;
   };
 
-  httplib::Server server;
+  std::unique_ptr<httplib::Server> server;
+  bool tls = false;
   std::thread thread;
   int port = 0;
   mutable std::mutex mu;
@@ -81,39 +87,72 @@ struct LoopbackServer::Impl {
     ServerReply reply{404, "", "text/plain"};
     if (handler) reply = handler(request);
     response.status = reply.status;
-    if (!reply.body.empty()) response.set_content(reply.body, reply.contentType);
+    for (const auto& [field, value] : reply.headers) response.set_header(field, value);
+    if (reply.chunked) {
+      response.set_chunked_content_provider(
+          reply.contentType, [reply](std::size_t, httplib::DataSink& sink) {
+            std::size_t first = std::min(reply.stallAfter.value_or(0), reply.body.size());
+            if (first > 0 && !sink.write(reply.body.data(), first)) return false;
+            if (reply.stallAfter) {
+              std::this_thread::sleep_for(std::chrono::milliseconds(reply.stallForMilliseconds));
+            }
+            if (first < reply.body.size() &&
+                !sink.write(reply.body.data() + first, reply.body.size() - first)) {
+              return false;
+            }
+            sink.done();
+            return true;
+          });
+    } else if (!reply.body.empty()) {
+      response.set_content(reply.body, reply.contentType);
+    }
+  }
+
+  void start() {
+    auto handler = [this](const httplib::Request& request, httplib::Response& response) {
+      handle(request, response);
+    };
+    // Short keep-alive, so that stopping does not wait long for idle client connections.
+    server->set_keep_alive_timeout(1);
+    // Without it, a reply written as headers then body waits for the client's delayed ACK.
+    server->set_tcp_nodelay(true);
+    server->Get(".*", handler);
+    server->Post(".*", handler);
+    server->Put(".*", handler);
+    server->Delete(".*", handler);
+    server->Patch(".*", handler);
+    port = server->bind_to_any_port("127.0.0.1");
+    if (port <= 0) throw std::runtime_error("LoopbackServer: cannot bind 127.0.0.1");
+    thread = std::thread([this] { server->listen_after_bind(); });
+    // The socket listens already; wait for the accept loop so that stop() reaches it.
+    while (!server->is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
 };
 
 LoopbackServer::LoopbackServer() : impl_(std::make_unique<Impl>()) {
-  auto handler = [this](const httplib::Request& request, httplib::Response& response) {
-    impl_->handle(request, response);
-  };
-  // Short keep-alive, so that stopping does not wait long for idle client connections.
-  impl_->server.set_keep_alive_timeout(1);
-  // Without it, a reply written as headers then body waits for the client's delayed ACK.
-  impl_->server.set_tcp_nodelay(true);
-  impl_->server.Get(".*", handler);
-  impl_->server.Post(".*", handler);
-  impl_->server.Put(".*", handler);
-  impl_->server.Delete(".*", handler);
-  impl_->server.Patch(".*", handler);
-  impl_->port = impl_->server.bind_to_any_port("127.0.0.1");
-  if (impl_->port <= 0) throw std::runtime_error("LoopbackServer: cannot bind 127.0.0.1");
-  impl_->thread = std::thread([this] { impl_->server.listen_after_bind(); });
-  // The socket listens already; wait for the accept loop so that stop() reaches it.
-  while (!impl_->server.is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  impl_->server = std::make_unique<httplib::Server>();
+  impl_->start();
+}
+
+LoopbackServer::LoopbackServer(const std::string& certificateFile, const std::string& keyFile)
+    : impl_(std::make_unique<Impl>()) {
+  auto server = std::make_unique<httplib::SSLServer>(certificateFile.c_str(), keyFile.c_str());
+  if (!server->is_valid()) throw std::runtime_error("LoopbackServer: unusable certificate");
+  impl_->server = std::move(server);
+  impl_->tls = true;
+  impl_->start();
 }
 
 LoopbackServer::~LoopbackServer() {
-  impl_->server.stop();
+  impl_->server->stop();
   if (impl_->thread.joinable()) impl_->thread.join();
 }
 
 int LoopbackServer::port() const { return impl_->port; }
 
 std::string LoopbackServer::url(std::string_view path) const {
-  return "http://127.0.0.1:" + std::to_string(impl_->port) + std::string(path);
+  return std::string(impl_->tls ? "https" : "http") +
+         "://127.0.0.1:" + std::to_string(impl_->port) + std::string(path);
 }
 
 void LoopbackServer::on(std::string method, std::string pattern, RouteHandler handler) {
@@ -150,6 +189,32 @@ int UnusedLoopbackPort() {
   }
   ::close(fd);
   return port;
+}
+
+bool WriteSelfSignedCertificate(const std::string& certificateFile, const std::string& keyFile) {
+  std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key(EVP_EC_gen("P-256"), EVP_PKEY_free);
+  std::unique_ptr<X509, decltype(&X509_free)> cert(X509_new(), X509_free);
+  if (!key || !cert) return false;
+  X509_set_version(cert.get(), 2);
+  ASN1_INTEGER_set(X509_get_serialNumber(cert.get()), 1);
+  X509_gmtime_adj(X509_getm_notBefore(cert.get()), 0);
+  X509_gmtime_adj(X509_getm_notAfter(cert.get()), 3600);
+  X509_set_pubkey(cert.get(), key.get());
+  X509_NAME* name = X509_get_subject_name(cert.get());
+  X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC,
+                             reinterpret_cast<const unsigned char*>("127.0.0.1"), -1, -1, 0);
+  X509_set_issuer_name(cert.get(), name);
+  std::unique_ptr<X509_EXTENSION, decltype(&X509_EXTENSION_free)> address(
+      X509V3_EXT_conf_nid(nullptr, nullptr, NID_subject_alt_name, "IP:127.0.0.1"),
+      X509_EXTENSION_free);
+  if (!address || X509_add_ext(cert.get(), address.get(), -1) != 1) return false;
+  if (X509_sign(cert.get(), key.get(), EVP_sha256()) == 0) return false;
+  std::unique_ptr<BIO, decltype(&BIO_free)> cert_out(BIO_new_file(certificateFile.c_str(), "w"),
+                                                     BIO_free);
+  std::unique_ptr<BIO, decltype(&BIO_free)> key_out(BIO_new_file(keyFile.c_str(), "w"), BIO_free);
+  return cert_out && key_out && PEM_write_bio_X509(cert_out.get(), cert.get()) == 1 &&
+         PEM_write_bio_PrivateKey(key_out.get(), key.get(), nullptr, nullptr, 0, nullptr,
+                                  nullptr) == 1;
 }
 
 }  // namespace vm::testing

@@ -27,6 +27,12 @@ struct ServerReply {
   int status = 200;
   std::string body;
   std::string contentType = "application/json";
+  std::vector<std::pair<std::string, std::string>> headers{};  // added to the reply
+  // Sent in chunks without a Content-Length; with `stallAfter`, the server sends that many
+  // bytes, then waits `stallFor` before the rest.
+  bool chunked = false;
+  std::optional<std::size_t> stallAfter{};
+  int stallForMilliseconds = 0;
 };
 
 using RouteHandler = std::function<ServerReply(const ServerRequest& request)>;
@@ -41,12 +47,14 @@ using RouteHandler = std::function<ServerReply(const ServerRequest& request)>;
 class LoopbackServer {
  public:
   LoopbackServer();
+  // Serves HTTPS with the given PEM certificate and key; url() then says "https".
+  LoopbackServer(const std::string& certificateFile, const std::string& keyFile);
   ~LoopbackServer();
   LoopbackServer(const LoopbackServer&) = delete;
   LoopbackServer& operator=(const LoopbackServer&) = delete;
 
   int port() const;
-  // "http://127.0.0.1:<port>" followed by `path`.
+  // "http://127.0.0.1:<port>" (or https) followed by `path`.
   std::string url(std::string_view path = "") const;
 
   // `pattern` is a regular expression for the whole path.
@@ -63,6 +71,10 @@ class LoopbackServer {
 
 // A port on 127.0.0.1 that nothing listens on (it was free a moment ago).
 int UnusedLoopbackPort();
+
+// Writes a new self-signed certificate for 127.0.0.1 (name and address) and its key, as
+// PEM files. False when either cannot be made.
+bool WriteSelfSignedCertificate(const std::string& certificateFile, const std::string& keyFile);
 
 }  // namespace vm::testing
 

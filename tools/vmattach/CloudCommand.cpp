@@ -182,6 +182,13 @@ int RunDelete(const GlobalOptions& options, const CloudOptions& cloud) {
   bool no_error = false;
   ErrorRef error = RunOperation(operation, "delete", false, &no_error);
   if (error || no_error) return Failed(error, no_error);
+  // The operation counts any answer with data as done; a person asking for a deletion
+  // must still learn that the service refused it (a wrong token, an unknown UUID).
+  if (std::optional<int> status = operation->apiStatus(); status && *status >= 400) {
+    return ReportFailure(
+        fmt::format("the attachment service refused the deletion of {} (HTTP status {})",
+                    ToLower(*uuid), *status));
+  }
   if (options.json) PrintJSON({{"uuid", ToLower(*uuid)}, {"deleted", true}});
   return 0;
 }

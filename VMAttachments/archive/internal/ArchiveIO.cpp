@@ -53,6 +53,25 @@ bool WriteOnce(int fd, const void* buffer, std::size_t size, const std::filesyst
                                                         context.string(), n, size)));
 }
 
+bool WriteFully(int fd, const void* buffer, std::size_t size, const std::filesystem::path& context,
+                ErrorRef* error) {
+  const char* bytes = static_cast<const char*>(buffer);
+  std::size_t done = 0;
+  while (done < size) {
+    errno = 0;
+    ssize_t n = ::write(fd, bytes + done, size - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      if (n < 0) return Fail(error, PosixError(errno, context));
+      return Fail(error, Error::WithDescription(NSPOSIXErrorDomain, 0,
+                                                fmt::format("{}: short write ({} of {} bytes)",
+                                                            context.string(), done, size)));
+    }
+    done += static_cast<std::size_t>(n);
+  }
+  return true;
+}
+
 std::string_view FileTypeName(mode_t mode) {
   switch (mode & S_IFMT) {
     case S_IFREG:

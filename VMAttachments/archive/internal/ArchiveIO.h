@@ -44,6 +44,11 @@ bool ReadOnce(int fd, void* buffer, std::size_t size, const std::filesystem::pat
 bool WriteOnce(int fd, const void* buffer, std::size_t size, const std::filesystem::path& context,
                ErrorRef* error);
 
+// write(2) until all `size` bytes are out (retrying after EINTR and short counts); a call
+// that fails or moves nothing is a failure, with the same error rules as WriteOnce.
+bool WriteFully(int fd, const void* buffer, std::size_t size, const std::filesystem::path& context,
+                ErrorRef* error);
+
 // The failure a read makes when the file ends first: NSPOSIXErrorDomain with `errno_value`
 // (0 when the read simply came up short).
 ErrorRef ShortReadError(int errno_value, const std::filesystem::path& context);

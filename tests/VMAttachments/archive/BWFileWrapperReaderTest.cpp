@@ -101,6 +101,9 @@ TEST(BWFileWrapperReaderTest, ExtractsHandWrittenArchive) {
 
 TEST(BWFileWrapperReaderTest, FailuresReportTheirDomainAndCode) {
   const std::string big_info = ArchiveBytes().magic().u64(std::uint64_t{1} << 62).raw("{}").bytes();
+  // Well-formed, and every byte of it present: refused for its length alone.
+  const std::string huge_info =
+      R"({"path":"d","type":"NSFileTypeDirectory","pad":")" + std::string(16 << 20, 'p') + "\"}";
   struct Case {
     const char* name;
     std::string archive;
@@ -114,6 +117,8 @@ TEST(BWFileWrapperReaderTest, FailuresReportTheirDomainAndCode) {
       {"shorter than the magic", "BWFILE", 0, NSPOSIXErrorDomain, 0},
       {"wrong magic", "BWFILEWRAPPER2", 0, BWFileWrapperErrorDomain, 1},
       {"info length past the end", big_info, 0, NSPOSIXErrorDomain, 0},
+      {"info block over 16 MiB", ArchiveBytes().magic().info(huge_info).bytes(), 0,
+       NSPOSIXErrorDomain, 0},
       {"info length of 2^64-1", ArchiveBytes().magic().u64(~std::uint64_t{0}).bytes(), 0,
        NSPOSIXErrorDomain, 0},
       {"data length past the end",
@@ -173,6 +178,45 @@ TEST(BWFileWrapperReaderTest, PathsMayClimbOnlyWithinTheDestination) {
   fs::create_directory(temp / "dest/inner/a");
   EXPECT_EQ(Unpack(temp, inside, temp / "dest/inner", nullptr).result, 1);
   EXPECT_EQ(ReadFile(temp / "dest/inner/b"), "x");
+}
+
+TEST(BWFileWrapperReaderTest, NeverWritesThroughALinkAlreadyInTheDestination) {
+  struct Case {
+    const char* name;
+    std::string archive;
+  };
+  const Case cases[] = {
+      {"file below a link",
+       ArchiveBytes().magic().info(Info("out/pwned.txt", kRegular)).data("x").bytes()},
+      {"folder below a link", ArchiveBytes().magic().info(Info("out/sub", kDirectory)).bytes()},
+      {"the link as a folder", ArchiveBytes().magic().info(Info("out", kDirectory)).bytes()},
+      {"deeper, folder first", ArchiveBytes()
+                                   .magic()
+                                   .info(Info("out/a", kDirectory))
+                                   .info(Info("out/a/b.txt", kRegular))
+                                   .data("x")
+                                   .bytes()},
+      {"link in the middle",
+       ArchiveBytes().magic().info(Info("real/../out/f", kRegular)).data("x").bytes()},
+      {"link that stays inside",
+       ArchiveBytes().magic().info(Info("inside/f", kRegular)).data("x").bytes()},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    TempDir temp;
+    fs::create_directories(temp / "elsewhere");
+    fs::create_directories(temp / "dest/real");
+    fs::create_directory_symlink(temp / "elsewhere", temp / "dest/out");
+    fs::create_directory_symlink(temp / "dest/real", temp / "dest/inside");
+    Outcome outcome = Unpack(temp, c.archive, temp / "dest", nullptr);
+    EXPECT_EQ(outcome.result, 0);
+    ASSERT_NE(outcome.error, nullptr);
+    EXPECT_EQ(outcome.error->domain(), BWFileWrapperErrorDomain);
+    EXPECT_EQ(outcome.error->code(), kBWFileWrapperUnsafePathError);
+    EXPECT_TRUE(fs::is_empty(temp / "elsewhere"));
+    EXPECT_TRUE(fs::is_empty(temp / "dest/real"));
+    EXPECT_TRUE(fs::is_symlink(temp / "dest/out"));
+  }
 }
 
 TEST(BWFileWrapperReaderTest, ReplacesExistingFilesWithoutFollowingLinks) {

@@ -11,6 +11,7 @@
 #include "VMAttachments/archive/BWFileWrapperAdditions.h"
 #include "VMAttachments/archive/VMArchiver.h"
 #include "tests/VMAttachments/archive/ArchiveBytes.h"
+#include "tests/VMAttachments/archive/InChild.h"
 #include "tests/support/TempDir.h"
 
 namespace vm {
@@ -19,6 +20,7 @@ namespace {
 namespace fs = std::filesystem;
 using testing::ParseArchive;
 using testing::ReadFile;
+using testing::RunInChild;
 using testing::TempDir;
 using testing::WriteFile;
 
@@ -113,6 +115,42 @@ TEST(VMArchiverTest, FacadeOutcomesWithAndWithoutErrorPointer) {
   EXPECT_FALSE(VMArchiver::archiveFile(temp / "x/report.pdf", temp / "no/such/dir/r", &error));
   EXPECT_EQ(error->domain(), NSPOSIXErrorDomain);
   EXPECT_EQ(error->code(), ENOENT);
+}
+
+TEST(VMArchiverTest, FailedArchiveWriteFailsWithOrWithoutErrorPointer) {
+  TempDir temp;
+  WriteFile(temp / "src/first.txt", "first");
+  WriteFile(temp / "src/big.bin", AllBytes(256 * 1024));
+  // Room for the magic and a little more: the big file's data write fails part-way.
+  constexpr std::uint64_t kLimit = 64 * 1024;
+  struct Case {
+    const char* name;
+    bool whole_folder;
+    bool with_error;
+  };
+  const Case cases[] = {
+      {"folder, error pointer", true, true},
+      {"folder, no error pointer", true, false},
+      {"one file, error pointer", false, true},
+      {"one file, no error pointer", false, false},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const fs::path archive = temp / (std::string(c.name) + ".bwfw");
+    auto outcome = RunInChild(
+        [&] {
+          ErrorRef error;
+          ErrorRef* out = c.with_error ? &error : nullptr;
+          bool ok = c.whole_folder ? VMArchiver::archiveFilesInDirectory(temp / "src", archive, out)
+                                   : VMArchiver::archiveFile(temp / "src/big.bin", archive, out);
+          // True when the call failed as it should; with an error pointer, the error is
+          // the archive's failed write.
+          return !ok && (!c.with_error || (error && error->domain() == NSPOSIXErrorDomain));
+        },
+        kLimit);
+    EXPECT_TRUE(outcome.succeeded);
+    EXPECT_LE(fs::file_size(archive), kLimit);
+  }
 }
 
 TEST(VMArchiverTest, UnwritableItemFailsOnlyWithErrorPointer) {

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
@@ -86,6 +87,13 @@ std::string DownloadReply(const std::string& download_url) {
               {"state", "uploaded"},
               {"download_url", download_url}}
       .dump();
+}
+
+// A reply as the service would send it, padded past the 1 MiB any reply may have.
+std::string OverOneMiB(const std::string& reply) {
+  json padded = json::parse(reply);
+  padded["padding"] = std::string(1 << 20, 'p');
+  return padded.dump();
 }
 
 struct Expected {
@@ -386,6 +394,19 @@ TEST_F(CloudAttachmentOperationTest, UploadFailures) {
        kRefused,
        true,
        "Error uploading attachment to S3: Optional(\"Could not connect to the server.\")"},
+      // A reply too long to be one is not buffered: it ends the operation.
+      {"start reply over 1 MiB",
+       start_reply(201, [](auto& s) { return OverOneMiB(UploadReply(s.url("/storage/x"))); }),
+       {},
+       kCloud105,
+       false,
+       nullptr},
+      {"storage answers with over 1 MiB",
+       route("PUT", "/storage/.*", 200, std::string((1 << 20) + 1, 'x')),
+       {},
+       kCloud105,
+       true,
+       nullptr},
       {"confirmation refused",
        route("PUT", CloudTestService::kResourcePattern, 500, "oops"),
        {},
@@ -484,6 +505,37 @@ TEST_F(CloudAttachmentOperationTest, DownloadFailures) {
        },
        {},
        {std::string(kCloudAttachmentErrorDomain), 107}},
+      {"API reply over 1 MiB",
+       api(200, [](auto& s) { return OverOneMiB(DownloadReply(s.url("/storage/x"))); }),
+       {},
+       kCloud105},
+      // The service announced 6 bytes ("stored").
+      {"storage sends more than announced, chunked",
+       [](testing::LoopbackServer& s) {
+         s.on("GET", "/storage/.*", [](const ServerRequest&) {
+           ServerReply reply{200, std::string(64 * 1024, 'x'), "application/octet-stream"};
+           reply.chunked = true;
+           return reply;
+         });
+       },
+       {},
+       kCloud105},
+      {"storage sends more than announced, said so",
+       [](testing::LoopbackServer& s) {
+         s.on("GET", "/storage/.*", [](const ServerRequest&) {
+           return ServerReply{200, "stored and more", "application/octet-stream"};
+         });
+       },
+       {},
+       kCloud105},
+      {"storage refuses at length",
+       [](testing::LoopbackServer& s) {
+         s.on("GET", "/storage/.*", [](const ServerRequest&) {
+           return ServerReply{403, std::string(4096, 'e'), "application/xml"};
+         });
+       },
+       {},
+       {std::string(kCloudAttachmentErrorDomain), 107}},
       {"API transport failure", nothing, TransportFailure, kRefused},
       {"API without data or error", nothing, NoDataNoError, kNone},
       {"API answered without HTTP", nothing, NotHTTP, kCloud105},
@@ -512,6 +564,51 @@ TEST_F(CloudAttachmentOperationTest, DownloadNeverReplacesAnExistingFile) {
   Run(op);
   ExpectError(*op, {std::string(NSPOSIXErrorDomain), EEXIST});
   EXPECT_EQ(testing::ReadFile(temp_ / "existing"), "keep me");
+}
+
+// Hands the delegate a finished download at `location`, as a session whose temporary
+// folder lies on another file system would.
+class HandOverSession : public URLSession {
+ public:
+  HandOverSession(std::weak_ptr<URLSessionDelegate> delegate, std::filesystem::path location)
+      : URLSession(
+            URLSessionConfiguration::ephemeralSessionConfiguration(), std::move(delegate),
+            std::shared_ptr<DispatchQueue>(std::shared_ptr<DispatchQueue>(), &MainQueue::shared())),
+        location_(std::move(location)) {}
+
+ protected:
+  void resumeTask(const std::shared_ptr<URLSessionTask>& task) override {
+    Outcome outcome;
+    outcome.response = std::make_shared<HTTPURLResponse>(AnyURL(), 200, HTTPHeaderFields{});
+    outcome.location = location_;
+    complete(task, std::move(outcome));
+  }
+
+ private:
+  std::filesystem::path location_;
+};
+
+TEST_F(CloudAttachmentOperationTest, DownloadAcrossFileSystemsIsCopiedOffTheMainQueue) {
+  // tmpfs and the test's folder: copy_file_range(2) refuses between them (EXDEV).
+  const std::filesystem::path shm = "/dev/shm";
+  if (!std::filesystem::is_directory(shm)) GTEST_SKIP() << "no /dev/shm";
+  const std::filesystem::path location = shm / ("vm-download-" + std::to_string(::getpid()));
+  const std::string contents(3 * 1024 * 1024 + 5, 'c');
+  testing::WriteFile(location, contents);
+  service_.setBlob(CloudTestService::kUUID, contents);
+
+  auto op = std::make_shared<DownloadCloudAttachmentOperation>(
+      AuthToken(kToken), CloudTestService::kUUID, temp_ / "out.bin");
+  op->setURLSession(std::make_shared<HandOverSession>(op, location));
+  std::atomic<bool> finished_on_main{false};
+  op->addObserver("finished", [&](Operation& o, const KeyValueChange& change) {
+    if (!change.isPrior && o.isFinished()) finished_on_main = MainQueue::isMainThread();
+  });
+  Run(op);
+  EXPECT_EQ(op->state(), Op::State::kFinished) << (op->error() ? op->error()->summary() : "");
+  EXPECT_FALSE(finished_on_main.load());
+  EXPECT_EQ(testing::ReadFile(temp_ / "out.bin"), contents);
+  EXPECT_FALSE(std::filesystem::exists(location)) << "the session removes its temporary file";
 }
 
 TEST_F(CloudAttachmentOperationTest, DownloadTransportFailureLeavesTheOperationRunning) {
