@@ -17,9 +17,11 @@
 
 namespace vm {
 
+class DownloadCloudAttachmentOperation;
 class HXFileAttachmentTransferDelegate;
 class Log;
 class OperationQueue;
+class UploadCloudAttachmentOperation;
 class VMAttachmentTransferObject;
 
 // The userInfo key under which a failed decryption lists its hash problems (numbers:
@@ -177,6 +179,19 @@ class VMCAttachment : public HXFileAttachmentSchemeHandler,
       const std::shared_ptr<HXFileAttachment>& attachment) override;
 
  private:
+  // Completions of the transfer operations, on the main operation queue.
+  void uploadFinished(const UploadCloudAttachmentOperation& operation,
+                      const std::shared_ptr<HXFileAttachment>& attachment);
+  void downloadFinished(const DownloadCloudAttachmentOperation& operation,
+                        const std::shared_ptr<VMAttachmentTransferObject>& transfer,
+                        const std::shared_ptr<HXFileAttachmentTransferDelegate>& delegate);
+  // A download whose transfer file cannot be made ready: logged, written to `error`, told
+  // to the record's own delegate; false.
+  bool failPreparingDownload(const std::shared_ptr<HXFileAttachment>& attachment, ErrorRef cause,
+                             ErrorRef* error);
+  // resumeTransfer() of a registered deletion.
+  void resumeDeletion(const std::shared_ptr<VMAttachmentTransferObject>& transfer);
+
   std::optional<AuthToken> auth_token_;
   std::shared_ptr<OperationQueue> operation_queue_;
 

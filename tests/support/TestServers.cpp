@@ -16,7 +16,6 @@
 #include <cstring>
 #include <fstream>
 #include <iterator>
-#include <regex>
 #include <thread>
 #include <vector>
 
@@ -101,8 +100,8 @@ int WaitExit(pid_t pid) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-}  // namespace
-
+// Stops a child: SIGTERM, then SIGKILL when it has not ended within `grace`. The server's
+// own process: it runs under another account, which vm::ChildProcess cannot start.
 void StopChild(pid_t pid, std::chrono::milliseconds grace) {
   if (pid <= 0) return;
   kill(pid, SIGTERM);
@@ -117,38 +116,7 @@ void StopChild(pid_t pid, std::chrono::milliseconds grace) {
   }
 }
 
-S3rver::S3rver(const std::filesystem::path& dir, const std::string& bucket) {
-  const std::string program = VM_SOURCE_DIR "/tests/support/node_modules/.bin/s3rver";
-  if (!std::filesystem::exists(program)) {
-    problem_ = program + " is missing; run scripts/install-deps.sh";
-    return;
-  }
-  std::filesystem::create_directories(dir / "objects");
-  const auto log = dir / "s3rver.log";
-  pid_ = Spawn({program, "--address", "127.0.0.1", "--port", "0", "--directory",
-                (dir / "objects").string(), "--configure-bucket", bucket},
-               log, static_cast<uid_t>(-1), static_cast<gid_t>(-1), &problem_);
-  if (pid_ < 0) return;
-  const std::regex listening(R"(listening on 127\.0\.0\.1:(\d+))");
-  auto deadline = std::chrono::steady_clock::now() + kStartLimit;
-  while (std::chrono::steady_clock::now() < deadline) {
-    std::smatch match;
-    std::string text = ReadFile(log);
-    if (std::regex_search(text, match, listening)) {
-      port_ = std::stoi(match[1].str());
-      return;
-    }
-    if (waitpid(pid_, nullptr, WNOHANG) == pid_) {
-      pid_ = -1;
-      problem_ = "s3rver exited: " + text;
-      return;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  }
-  problem_ = "s3rver did not report its port in time";
-}
-
-S3rver::~S3rver() { StopChild(pid_, kStopGrace); }
+}  // namespace
 
 PostgresServer::PostgresServer(const std::filesystem::path& dir, Durability durability) {
   const std::string initdb = PostgresProgram("initdb");

@@ -9,29 +9,6 @@
 
 namespace vm::testing {
 
-// A real S3-compatible server (s3rver from tests/support/node_modules) on 127.0.0.1 at a
-// port it picks, with one bucket `bucket`, its objects under `dir`. Stopped on destruction.
-// Takes a second or two to start, so suites share one. Check running() before use.
-class S3rver {
- public:
-  static constexpr const char* kAccessKey = "S3RVER";  // s3rver's fixed credentials
-  static constexpr const char* kSecretKey = "S3RVER";
-
-  S3rver(const std::filesystem::path& dir, const std::string& bucket);
-  ~S3rver();
-  S3rver(const S3rver&) = delete;
-  S3rver& operator=(const S3rver&) = delete;
-
-  bool running() const { return port_ > 0; }
-  const std::string& problem() const { return problem_; }
-  std::string endpoint() const { return "http://127.0.0.1:" + std::to_string(port_); }
-
- private:
-  pid_t pid_ = -1;
-  int port_ = 0;
-  std::string problem_;
-};
-
 // A private PostgreSQL server: a new cluster made with initdb under `dir`, listening on
 // 127.0.0.1 only (no Unix socket) at a port it picks, with trust authentication for the
 // user "postgres". Run as root, the cluster belongs to the system's postgres account, since
@@ -61,9 +38,6 @@ class PostgresServer {
   int port_ = 0;
   std::string problem_;
 };
-
-// Stops a child: SIGTERM, then SIGKILL when it has not ended within `grace`.
-void StopChild(pid_t pid, std::chrono::milliseconds grace);
 
 }  // namespace vm::testing
 

@@ -3,19 +3,16 @@
 // and races between instances are settled by the database.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <barrier>
-#include <regex>
 #include <thread>
 
 #include "services/vmcloudd/AttachmentService.h"
 #include "tests/services/vmcloudd/HttpTestClient.h"
 #include "tests/services/vmcloudd/TestDatabase.h"
+#include "tests/support/ListeningServer.h"
 #include "tests/support/TempDir.h"
-#include "tests/support/TestServers.h"
 
 namespace vm {
 namespace {
@@ -31,7 +28,7 @@ class MultiInstanceTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
     dir_ = new testing::TempDir();
-    s3_ = new testing::S3rver(dir_->path() / "s3rver", kBucket);
+    s3_ = testing::StartS3rver(dir_->path() / "s3rver", kBucket, &problem_).release();
   }
   static void TearDownTestSuite() {
     delete s3_;
@@ -39,14 +36,14 @@ class MultiInstanceTest : public ::testing::Test {
   }
 
   void SetUp() override {
-    ASSERT_TRUE(s3_->running()) << s3_->problem();
+    ASSERT_NE(s3_, nullptr) << problem_;
     database_ = testing::FreshPostgresDatabase();
     ASSERT_FALSE(database_.empty());
-    settings_.endpoint = s3_->endpoint();
+    settings_.endpoint = s3_->url();
     settings_.region = "us-east-1";
     settings_.bucket = kBucket;
-    settings_.access_key = testing::S3rver::kAccessKey;
-    settings_.secret_key = testing::S3rver::kSecretKey;
+    settings_.access_key = testing::kS3rverKey;
+    settings_.secret_key = testing::kS3rverKey;
     settings_.path_style = true;
     settings_.key_prefix = "multi/";
   }
@@ -79,7 +76,8 @@ class MultiInstanceTest : public ::testing::Test {
   }
 
   static testing::TempDir* dir_;
-  static testing::S3rver* s3_;
+  static testing::ListeningServer* s3_;
+  static std::string problem_;
   testing::TempDir instance_dirs_;
   int instances_ = 0;
   std::string database_;
@@ -88,7 +86,8 @@ class MultiInstanceTest : public ::testing::Test {
 };
 
 testing::TempDir* MultiInstanceTest::dir_ = nullptr;
-testing::S3rver* MultiInstanceTest::s3_ = nullptr;
+testing::ListeningServer* MultiInstanceTest::s3_ = nullptr;
+std::string MultiInstanceTest::problem_;
 
 TEST_F(MultiInstanceTest, ACycleMovesBetweenInstances) {
   auto first = Instance();
@@ -192,60 +191,30 @@ TEST_F(MultiInstanceTest, StaleUploadsAreSweptOnce) {
   EXPECT_EQ(removed.load(), static_cast<std::size_t>(kStale)) << "each swept exactly once";
 }
 
-// A real vmcloudd process on the shared records and bucket.
-class ServiceProcess {
- public:
-  ServiceProcess(const std::filesystem::path& dir, const std::string& database,
-                 const S3Settings& s3) {
-    std::filesystem::create_directories(dir);
-    const auto log = dir / "vmcloudd.log";
-    std::vector<std::string> args = {
-        VMCLOUDD_PATH, "--listen",    "127.0.0.1:0",     "--data",          dir.string(),
-        "--db",        database,      "--token",         "alpha",           "--s3-endpoint",
-        s3.endpoint,   "--s3-bucket", s3.bucket,         "--s3-access-key", s3.access_key,
-        "--s3-secret", s3.secret_key, "--s3-path-style", "--s3-prefix",     s3.key_prefix};
-    pid_ = fork();
-    if (pid_ == 0) {
-      std::vector<char*> argv;
-      for (auto& arg : args) argv.push_back(arg.data());
-      argv.push_back(nullptr);
-      FILE* out = std::freopen(log.c_str(), "w", stdout);
-      if (out == nullptr || dup2(STDOUT_FILENO, STDERR_FILENO) < 0) _exit(126);
-      execv(argv[0], argv.data());
-      _exit(127);
-    }
-    const std::regex listening(R"(listening on (127\.0\.0\.1:\d+))");
-    for (int i = 0; i < 600 && pid_ > 0; ++i) {
-      std::smatch match;
-      std::string text = testing::ReadFile(log);
-      if (std::regex_search(text, match, listening)) {
-        base_url_ = "http://" + match[1].str();
-        return;
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-  }
-  ~ServiceProcess() { testing::StopChild(pid_, std::chrono::seconds(5)); }
-
-  const std::string& baseURL() const { return base_url_; }
-  void kill() {
-    ::kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
-    pid_ = -1;
-  }
-
- private:
-  pid_t pid_ = -1;
-  std::string base_url_;
-};
+// A real vmcloudd process on the shared records and bucket; null (with the reason in
+// `*problem`) when it did not start.
+std::unique_ptr<testing::ListeningServer> ServiceProcess(const std::filesystem::path& dir,
+                                                         const std::string& database,
+                                                         const S3Settings& s3,
+                                                         std::string* problem) {
+  std::filesystem::create_directories(dir);
+  return testing::ListeningServer::Start(
+      {VMCLOUDD_PATH, "--listen",    "127.0.0.1:0",     "--data",          dir.string(),
+       "--db",        database,      "--token",         "alpha",           "--s3-endpoint",
+       s3.endpoint,   "--s3-bucket", s3.bucket,         "--s3-access-key", s3.access_key,
+       "--s3-secret", s3.secret_key, "--s3-path-style", "--s3-prefix",     s3.key_prefix},
+      dir / "vmcloudd.log", problem);
+}
 
 TEST_F(MultiInstanceTest, AKilledInstanceLosesNothingConfirmed) {
-  ServiceProcess doomed(instance_dirs_.path() / "doomed", database_, settings_);
-  ServiceProcess survivor(instance_dirs_.path() / "survivor", database_, settings_);
-  ASSERT_FALSE(doomed.baseURL().empty());
-  ASSERT_FALSE(survivor.baseURL().empty());
-  ApiClient a{doomed.baseURL()};
-  ApiClient b{survivor.baseURL()};
+  std::string problem;
+  auto doomed = ServiceProcess(instance_dirs_.path() / "doomed", database_, settings_, &problem);
+  ASSERT_TRUE(doomed) << problem;
+  auto survivor =
+      ServiceProcess(instance_dirs_.path() / "survivor", database_, settings_, &problem);
+  ASSERT_TRUE(survivor) << problem;
+  ApiClient a{doomed->url()};
+  ApiClient b{survivor->url()};
 
   // Cycles on the doomed instance until it is killed in the middle of one.
   std::mutex mu;
@@ -270,7 +239,8 @@ TEST_F(MultiInstanceTest, AKilledInstanceLosesNothingConfirmed) {
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
-  doomed.kill();
+  kill(doomed->pid(), SIGKILL);
+  doomed->stop();  // reaps it
   stop = true;
   cycles.join();
 

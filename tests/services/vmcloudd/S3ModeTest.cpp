@@ -11,8 +11,8 @@
 #include "services/vmcloudd/S3Storage.h"
 #include "tests/services/vmcloudd/HttpTestClient.h"
 #include "tests/services/vmcloudd/TestDatabase.h"
+#include "tests/support/ListeningServer.h"
 #include "tests/support/TempDir.h"
-#include "tests/support/TestServers.h"
 
 namespace vm {
 namespace {
@@ -28,7 +28,7 @@ class S3ModeTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
     dir_ = new testing::TempDir();
-    server_ = new testing::S3rver(dir_->path() / "s3rver", kBucket);
+    server_ = testing::StartS3rver(dir_->path() / "s3rver", kBucket, &problem_).release();
   }
   static void TearDownTestSuite() {
     delete server_;
@@ -38,8 +38,8 @@ class S3ModeTest : public ::testing::Test {
   }
 
   void SetUp() override {
-    ASSERT_TRUE(server_->running()) << server_->problem();
-    settings_.endpoint = server_->endpoint();
+    ASSERT_NE(server_, nullptr) << problem_;
+    settings_.endpoint = server_->url();
     settings_.region = "us-east-1";
     settings_.bucket = kBucket;
     settings_.access_key = "S3RVER";
@@ -65,13 +65,15 @@ class S3ModeTest : public ::testing::Test {
   }
 
   static testing::TempDir* dir_;
-  static testing::S3rver* server_;
+  static testing::ListeningServer* server_;
+  static std::string problem_;
   testing::TempDir data_;
   S3Settings settings_;
 };
 
 testing::TempDir* S3ModeTest::dir_ = nullptr;
-testing::S3rver* S3ModeTest::server_ = nullptr;
+testing::ListeningServer* S3ModeTest::server_ = nullptr;
+std::string S3ModeTest::problem_;
 
 TEST_F(S3ModeTest, RoundTrip) {
   auto service = StartService(settings_);
@@ -83,8 +85,7 @@ TEST_F(S3ModeTest, RoundTrip) {
   ASSERT_EQ(started.status, 201) << started.body;
   const std::string uuid = started.json()["uuid"];
   const std::string upload = started.json()["upload_url"];
-  EXPECT_EQ(upload.rfind(server_->endpoint() + "/vmtest/attachments/" + uuid + "?", 0), 0u)
-      << upload;
+  EXPECT_EQ(upload.rfind(server_->url() + "/vmtest/attachments/" + uuid + "?", 0), 0u) << upload;
 
   EXPECT_EQ(api.confirm(uuid, bytes.size()).status, 409) << "nothing uploaded yet";
   ASSERT_EQ(Send("PUT", upload, bytes.substr(1)).status, 200);
