@@ -9,7 +9,7 @@ packages=(
   libcurl4-openssl-dev libssl-dev nlohmann-json3-dev libsqlite3-dev sqlite3
   libspdlog-dev libfmt-dev libboost-dev libplist-dev libcpp-httplib-dev libcli11-dev
   uuid-dev googletest libgtest-dev libgmock-dev libbenchmark-dev gettext
-  curl samba smbclient rclone fuse3 openssh-server openssh-client
+  curl samba smbclient rclone fuse3 openssh-server openssh-client libpq-dev postgresql
 )
 # Node.js and npm (for the S3-compatible test server) come with the machine image when it
 # has them; Debian's nodejs package only when it does not.

@@ -3,7 +3,10 @@
 // which it verifies after the download. Reference in the same run: the same 200 clients
 // doing only a bare PUT and GET of the same bytes on a minimal in-memory HTTP server.
 // Then the same cycles again while 500 slow peers (headers and bodies trickled a byte at a
-// time, remade as soon as the service drops them) hang on to the service.
+// time, remade as soon as the service drops them) hang on to the service. Last, the records
+// backends: the same cycles on one instance whose records are in a private PostgreSQL
+// server (started here, with its durable defaults), and on two such instances sharing the
+// database and the blob folder, the cycles spread over both.
 // Prints cycles per second for each and their ratios; exits non-zero on any error.
 #include <httplib.h>
 #include <stdlib.h>
@@ -15,6 +18,7 @@
 #include <barrier>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <map>
 #include <mutex>
@@ -24,6 +28,7 @@
 
 #include "services/vmcloudd/AttachmentService.h"
 #include "tests/services/vmcloudd/SlowPeers.h"
+#include "tests/support/TestServers.h"
 
 namespace {
 
@@ -153,15 +158,21 @@ int main() {
   if (mkdtemp(pattern) == nullptr) return 1;
   const std::filesystem::path dir = pattern;
 
-  vm::AttachmentServiceOptions options;
-  options.data_dir = dir;
-  options.tokens = {kToken};
-  vm::ErrorRef error;
-  auto service = vm::AttachmentService::Create(std::move(options), &error);
-  if (!service || !service->start(&error)) {
-    std::fprintf(stderr, "cannot start vmcloudd: %s\n", error->summary().c_str());
-    return 1;
-  }
+  // An instance in embedded mode on `data_dir`, its records in `database` (empty: SQLite).
+  auto start_service = [](const std::filesystem::path& data_dir, const std::string& database) {
+    vm::AttachmentServiceOptions options;
+    options.data_dir = data_dir;
+    options.database = database;
+    options.tokens = {kToken};
+    vm::ErrorRef error;
+    auto service = vm::AttachmentService::Create(std::move(options), &error);
+    if (!service || !service->start(&error)) {
+      std::fprintf(stderr, "cannot start vmcloudd: %s\n", error->summary().c_str());
+      std::exit(1);
+    }
+    return service;
+  };
+  auto service = start_service(dir, "");
 
   std::mutex mu;
   std::map<std::string, std::string> objects;
@@ -209,6 +220,31 @@ int main() {
   reference.stop();
   serving.join();
   service->stop();
+
+  std::atomic<int> postgres_errors{0};
+  double postgres_rate = 0;
+  double pair_rate = 0;
+  {
+    vm::testing::PostgresServer postgres(dir / "postgres",
+                                         vm::testing::PostgresServer::Durability::kDurable);
+    std::string one = postgres.createDatabase("bench_one");
+    std::string shared = postgres.createDatabase("bench_two");
+    if (!postgres.running() || one.empty() || shared.empty()) {
+      std::fprintf(stderr, "cannot start PostgreSQL: %s\n", postgres.problem().c_str());
+      return 1;
+    }
+    auto single = start_service(dir / "pg-one", one);
+    const std::string single_base = single->baseURL();
+    postgres_rate = Measure([&](int round, int i) { return ServiceCycle(single_base, round, i); },
+                            &postgres_errors);
+    single->stop();
+
+    auto first = start_service(dir / "pg-two", shared);
+    auto second = start_service(dir / "pg-two", shared);
+    const std::string bases[2] = {first->baseURL(), second->baseURL()};
+    pair_rate = Measure([&](int round, int i) { return ServiceCycle(bases[i % 2], round, i); },
+                        &postgres_errors);
+  }
   std::error_code ignored;
   std::filesystem::remove_all(dir, ignored);
 
@@ -224,5 +260,12 @@ int main() {
       "%d errors\n",
       kSlowPeers, slow_dropped, attacked_rate, attacked_errors.load());
   std::printf("ratio with/without slow peers: %.3f\n", attacked_rate / service_rate);
-  return service_errors == 0 && reference_errors == 0 && attacked_errors == 0 ? 0 : 1;
+  std::printf("records in SQLite, one instance: %.1f cycles/s\n", service_rate);
+  std::printf("records in PostgreSQL, one instance: %.1f cycles/s\n", postgres_rate);
+  std::printf("records in PostgreSQL, two instances: %.1f cycles/s (%d errors on PostgreSQL)\n",
+              pair_rate, postgres_errors.load());
+  return service_errors == 0 && reference_errors == 0 && attacked_errors == 0 &&
+                 postgres_errors == 0
+             ? 0
+             : 1;
 }

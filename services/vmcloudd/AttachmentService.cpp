@@ -12,7 +12,7 @@
 #include "services/vmcloudd/HttpServer.h"
 #include "services/vmcloudd/S3Storage.h"
 #include "services/vmcloudd/ServiceError.h"
-#include "services/vmcloudd/SqliteAttachmentRecords.h"
+#include "services/vmcloudd/StaleUploadSweeper.h"
 #include "services/vmcloudd/internal/Crypto.h"
 #include "services/vmcloudd/internal/Responses.h"
 
@@ -98,7 +98,9 @@ class AttachmentService::Impl : public UploadGate {
       : options_(std::move(options)),
         records_(std::move(records)),
         storage_(std::move(storage)),
-        embedded_(embedded) {
+        embedded_(embedded),
+        sweeper_(records_.get(), storage_.get(), options_.clock, options_.stale_upload_age,
+                 options_.sweep_interval) {
     if (embedded_ != nullptr) embedded_->setUploadGate(this);
   }
 
@@ -114,6 +116,7 @@ class AttachmentService::Impl : public UploadGate {
   std::unique_ptr<AttachmentRecords> records_;
   std::unique_ptr<StorageProvider> storage_;
   EmbeddedBlobStorage* embedded_;  // storage_ when it is the embedded provider, else null
+  StaleUploadSweeper sweeper_;
   // Declared after what its handlers use, so that it is gone before they are.
   std::unique_ptr<HttpServer> server_;
   int port_ = 0;
@@ -230,7 +233,7 @@ void AttachmentService::Impl::startUpload(const HttpRequest& request, HttpRespon
     return SendError(response, 413, "too_large",
                      fmt::format("Attachments may hold at most {} bytes", options_.max_blob_size));
   }
-  AttachmentRecord record{MakeUniqueID(), *size, AttachmentState::kNew};
+  AttachmentRecord record{MakeUniqueID(), *size, AttachmentState::kNew, options_.clock()};
   ErrorRef error;
   if (!records_->insert(record, &error)) return sendInternalError(response, error);
   json reply = InfoJson(record);
@@ -418,11 +421,14 @@ bool AttachmentService::Impl::start(ErrorRef* error) {
     embedded_->setBaseURL(options_.public_url.empty() ? base_url_ : options_.public_url);
   }
   server_->start();
-  ServiceLog().notice("serving {} with {} storage", base_url_, storage_->kind());
+  ServiceLog().notice("serving {} with {} records and {} storage", base_url_, records_->kind(),
+                      storage_->kind());
+  sweeper_.start();
   return true;
 }
 
 void AttachmentService::Impl::stop() {
+  sweeper_.stop();
   if (server_) server_->stop();
 }
 
@@ -462,8 +468,10 @@ std::unique_ptr<AttachmentService> AttachmentService::Create(AttachmentServiceOp
                                        options.data_dir.string(), ec.message())));
     return nullptr;
   }
-  std::unique_ptr<AttachmentRecords> records =
-      SqliteAttachmentRecords::Open(options.data_dir / "attachments.sqlite", error);
+  auto records = AttachmentRecords::Open(options.database.empty()
+                                             ? (options.data_dir / "attachments.sqlite").string()
+                                             : options.database,
+                                         error);
   if (!records) return nullptr;
 
   std::unique_ptr<StorageProvider> storage;
@@ -477,6 +485,18 @@ std::unique_ptr<AttachmentService> AttachmentService::Create(AttachmentServiceOp
     storage = std::move(blobs);
   }
   if (!storage) return nullptr;
+  // Processes that share the records must accept each other's blob URLs: the first one to
+  // start keeps its key in the records and every other one takes that key.
+  if (embedded != nullptr && records->kind() != "sqlite") {
+    auto proposal = internal::RandomBytes(32);
+    std::string key;
+    if (!proposal || !records->sharedValue("blob-url-signing-key", internal::HexEncode(*proposal),
+                                           &key, error)) {
+      if (!proposal) Fail(error, BadSetting("No random bytes for the URL signing key"));
+      return nullptr;
+    }
+    embedded->setSigningKey(std::move(key));
+  }
   return std::unique_ptr<AttachmentService>(new AttachmentService(std::make_unique<Impl>(
       std::move(options), std::move(records), std::move(storage), embedded)));
 }
@@ -486,6 +506,7 @@ AttachmentService::~AttachmentService() = default;
 
 bool AttachmentService::start(ErrorRef* error) { return impl_->start(error); }
 void AttachmentService::stop() { impl_->stop(); }
+std::size_t AttachmentService::sweepStaleUploads() { return impl_->sweeper_.sweepOnce(); }
 int AttachmentService::port() const { return impl_->port_; }
 std::string AttachmentService::baseURL() const { return impl_->base_url_; }
 

@@ -21,6 +21,14 @@ struct AttachmentServiceOptions {
   int port = 0;
   // Holds the records database and, in embedded mode, the blobs and their signing key.
   std::filesystem::path data_dir;
+  // Where the records live: empty for data_dir/attachments.sqlite, or a "postgresql://"
+  // URI. Service processes that share a PostgreSQL database (and a bucket) serve the same
+  // attachments, and share the signing key of embedded blob URLs through it.
+  std::string database;
+  // Uploads announced and not confirmed within this age are removed, checked every
+  // sweep_interval; zero turns the sweep off.
+  std::chrono::seconds stale_upload_age{24 * 3600};
+  std::chrono::seconds sweep_interval{600};
   // The texts accepted after "Authorization: Velmora ". At least one is required.
   std::vector<std::string> tokens;
   // Serve HTTPS with this certificate chain and key (PEM) when both are set.
@@ -79,6 +87,9 @@ class AttachmentService {
   // Stops accepting, finishes the requests in progress and ends the serving thread.
   // Safe to call more than once.
   void stop();
+
+  // Removes the stale uploads now (see stale_upload_age); returns how many.
+  std::size_t sweepStaleUploads();
 
   int port() const;
   // "http://127.0.0.1:PORT" (or https), the address clients should use.

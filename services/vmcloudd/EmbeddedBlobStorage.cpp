@@ -293,6 +293,8 @@ std::unique_ptr<EmbeddedBlobStorage> EmbeddedBlobStorage::Open(const fs::path& d
 EmbeddedBlobStorage::EmbeddedBlobStorage(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
 EmbeddedBlobStorage::~EmbeddedBlobStorage() = default;
 
+void EmbeddedBlobStorage::setSigningKey(std::string key) { impl_->key_ = std::move(key); }
+
 void EmbeddedBlobStorage::setBaseURL(std::string base_url) {
   while (!base_url.empty() && base_url.back() == '/') base_url.pop_back();
   impl_->base_url_ = std::move(base_url);

@@ -55,6 +55,9 @@ class EmbeddedBlobStorage : public StorageProvider {
                                                    ErrorRef* error);
   ~EmbeddedBlobStorage() override;
 
+  // Replaces the key that signs and checks blob URLs, for processes that share one; called
+  // before the first request is served.
+  void setSigningKey(std::string key);
   // "scheme://host:port" under which clients reach this service.
   void setBaseURL(std::string base_url);
   // Asked before and after every upload; without one, any signed upload is taken up to

@@ -44,6 +44,17 @@ int main(int argc, char** argv) {
   app.add_option("--listen", listen, "ADDR:PORT to listen on; port 0 picks a free port")
       ->required();
   app.add_option("--data", data_dir, "Folder for the records and the embedded blobs")->required();
+  app.add_option("--db", options.database,
+                 "Records database: a postgresql:// URI shared by several instances "
+                 "(default: DATA/attachments.sqlite)")
+      ->envname("VMCLOUDD_DB");
+  long stale_age = options.stale_upload_age.count();
+  long sweep_interval = options.sweep_interval.count();
+  app.add_option("--stale-upload-age", stale_age,
+                 "Seconds after which an unconfirmed upload is removed (0: never)")
+      ->check(CLI::Range(0L, 365L * 24 * 3600));
+  app.add_option("--sweep-interval", sweep_interval, "Seconds between two looks for stale uploads")
+      ->check(CLI::Range(1L, 24L * 3600));
   app.add_option("--token", options.tokens,
                  "Accepted token, sent as \"Authorization: Velmora <token>\" (repeatable)")
       ->envname("VMCLOUDD_TOKEN");
@@ -102,6 +113,8 @@ int main(int argc, char** argv) {
   options.tls_cert = tls_cert;
   options.tls_key = tls_key;
   options.url_lifetime = std::chrono::seconds(lifetime);
+  options.stale_upload_age = std::chrono::seconds(stale_age);
+  options.sweep_interval = std::chrono::seconds(sweep_interval);
   options.header_timeout = std::chrono::milliseconds(static_cast<long>(header_timeout * 1000));
   options.transfer_grace = std::chrono::milliseconds(static_cast<long>(transfer_grace * 1000));
   if (!s3.endpoint.empty()) options.s3 = s3;

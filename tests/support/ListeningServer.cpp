@@ -36,6 +36,19 @@ std::unique_ptr<ListeningServer> ListeningServer::Start(const std::vector<std::s
   return nullptr;
 }
 
+std::unique_ptr<ListeningServer> StartS3rver(const std::filesystem::path& dir,
+                                             const std::string& bucket, std::string* problem) {
+  const std::string program = VM_SOURCE_DIR "/tests/support/node_modules/.bin/s3rver";
+  if (!std::filesystem::exists(program)) {
+    *problem = program + " is missing; run scripts/install-deps.sh";
+    return nullptr;
+  }
+  std::filesystem::create_directories(dir / "objects");
+  return ListeningServer::Start({program, "--address", "127.0.0.1", "--port", "0", "--directory",
+                                 (dir / "objects").string(), "--configure-bucket", bucket},
+                                dir / "s3rver.log", problem);
+}
+
 std::string ListeningServer::url() const { return "http://127.0.0.1:" + std::to_string(port_); }
 
 }  // namespace vm::testing

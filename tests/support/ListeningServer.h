@@ -36,6 +36,12 @@ class ListeningServer {
   int port_;
 };
 
+// s3rver (from tests/support/node_modules) with one bucket `bucket`, its objects under
+// `dir`. Its fixed credentials are kS3rverKey for both the access key and the secret.
+inline constexpr const char* kS3rverKey = "S3RVER";
+std::unique_ptr<ListeningServer> StartS3rver(const std::filesystem::path& dir,
+                                             const std::string& bucket, std::string* problem);
+
 }  // namespace vm::testing
 
 #endif  // VM_TESTS_SUPPORT_LISTENINGSERVER_H_

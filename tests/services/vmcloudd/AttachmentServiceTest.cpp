@@ -238,6 +238,23 @@ TEST_F(EmbeddedServiceTest, RestartKeepsRecordsAndURLs) {
   EXPECT_EQ(api_.confirm(pending["uuid"], 10).status, 200) << "a pending upload stays pending";
 }
 
+TEST_F(EmbeddedServiceTest, SweepsOnlyStaleUnconfirmedUploads) {
+  skew_ = -std::chrono::hours(48);  // announced two days ago
+  nlohmann::json stale = StartUpload(10);
+  ASSERT_EQ(Send("PUT", stale["upload_url"], TestBytes(10, 1)).status, 200);
+  const std::string confirmed = Uploaded(TestBytes(20, 2))["uuid"];
+  skew_ = std::chrono::seconds(0);
+  nlohmann::json fresh = StartUpload(30);
+
+  EXPECT_EQ(service_->sweepStaleUploads(), 1u);
+  EXPECT_FALSE(std::filesystem::exists(BlobPath(stale["uuid"])));
+  EXPECT_EQ(api_.confirm(stale["uuid"], 10).status, 409) << "a swept upload cannot be confirmed";
+  EXPECT_EQ(api_.info(confirmed).status, 200);
+  ASSERT_EQ(Send("PUT", fresh["upload_url"], TestBytes(30, 3)).status, 200);
+  EXPECT_EQ(api_.confirm(fresh["uuid"], 30).status, 200);
+  EXPECT_EQ(service_->sweepStaleUploads(), 0u) << "nothing is swept twice";
+}
+
 TEST_F(EmbeddedServiceTest, ConcurrentCyclesKeepTheirOwnBytes) {
   // Enough clients arriving at once to overflow a small listen backlog.
   constexpr int kThreads = 64;

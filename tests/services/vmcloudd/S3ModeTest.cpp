@@ -1,24 +1,18 @@
 // The service in S3 mode against a real S3-compatible server (s3rver from npm, started
-// here on 127.0.0.1 with its default credentials). s3rver checks the access key, the
+// on 127.0.0.1 with its default credentials). s3rver checks the access key, the
 // query parameters and the expiry of a presigned URL, but not the signature itself: the
 // signature is checked against the published example in SigV4PresignerTest.
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <filesystem>
-#include <regex>
 #include <thread>
 
 #include "services/vmcloudd/AttachmentService.h"
 #include "services/vmcloudd/S3Storage.h"
 #include "tests/services/vmcloudd/HttpTestClient.h"
+#include "tests/services/vmcloudd/TestDatabase.h"
+#include "tests/support/ListeningServer.h"
 #include "tests/support/TempDir.h"
-
-extern char** environ;
 
 namespace vm {
 namespace {
@@ -29,89 +23,12 @@ using testing::Send;
 using testing::TestBytes;
 
 constexpr const char* kBucket = "vmtest";
-constexpr auto kStartLimit = std::chrono::seconds(30);
-constexpr auto kStopLimit = std::chrono::seconds(5);
-
-// One s3rver process for the whole suite: node takes a second or two to start.
-class S3rver {
- public:
-  // Starts it and waits (bounded) for the line that gives its port. Check running().
-  explicit S3rver(const std::filesystem::path& dir) {
-    const std::string program = VM_SOURCE_DIR "/tests/support/node_modules/.bin/s3rver";
-    if (!std::filesystem::exists(program)) {
-      problem_ = program + " is missing; run scripts/install-deps.sh";
-      return;
-    }
-    std::filesystem::create_directories(dir / "objects");
-    const std::string log = (dir / "s3rver.log").string();
-    const std::string objects = (dir / "objects").string();
-    std::vector<std::string> args = {program, "--address",   "127.0.0.1", "--port",
-                                     "0",     "--directory", objects,     "--configure-bucket",
-                                     kBucket};
-    std::vector<char*> argv;
-    for (auto& arg : args) argv.push_back(arg.data());
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, log.c_str(),
-                                     O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    posix_spawn_file_actions_adddup2(&actions, STDOUT_FILENO, STDERR_FILENO);
-    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-    int failed = posix_spawn(&pid_, program.c_str(), &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    if (failed != 0) {
-      pid_ = -1;
-      problem_ = "cannot start " + program + ": " + std::strerror(failed);
-      return;
-    }
-    const std::regex listening(R"(listening on 127\.0\.0\.1:(\d+))");
-    auto deadline = std::chrono::steady_clock::now() + kStartLimit;
-    while (std::chrono::steady_clock::now() < deadline) {
-      std::smatch match;
-      std::string text = testing::ReadFile(log);
-      if (std::regex_search(text, match, listening)) {
-        port_ = std::stoi(match[1].str());
-        return;
-      }
-      if (waitpid(pid_, nullptr, WNOHANG) == pid_) {
-        pid_ = -1;
-        problem_ = "s3rver exited: " + text;
-        return;
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    problem_ = "s3rver did not report its port in time";
-  }
-
-  ~S3rver() {
-    if (pid_ <= 0) return;
-    kill(pid_, SIGTERM);
-    auto deadline = std::chrono::steady_clock::now() + kStopLimit;
-    while (waitpid(pid_, nullptr, WNOHANG) == 0) {
-      if (std::chrono::steady_clock::now() > deadline) {
-        kill(pid_, SIGKILL);
-        waitpid(pid_, nullptr, 0);
-        break;
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-  }
-
-  bool running() const { return port_ > 0; }
-  const std::string& problem() const { return problem_; }
-  std::string endpoint() const { return "http://127.0.0.1:" + std::to_string(port_); }
-
- private:
-  pid_t pid_ = -1;
-  int port_ = 0;
-  std::string problem_;
-};
 
 class S3ModeTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
     dir_ = new testing::TempDir();
-    server_ = new S3rver(dir_->path() / "s3rver");
+    server_ = testing::StartS3rver(dir_->path() / "s3rver", kBucket, &problem_).release();
   }
   static void TearDownTestSuite() {
     delete server_;
@@ -121,8 +38,8 @@ class S3ModeTest : public ::testing::Test {
   }
 
   void SetUp() override {
-    ASSERT_TRUE(server_->running()) << server_->problem();
-    settings_.endpoint = server_->endpoint();
+    ASSERT_NE(server_, nullptr) << problem_;
+    settings_.endpoint = server_->url();
     settings_.region = "us-east-1";
     settings_.bucket = kBucket;
     settings_.access_key = "S3RVER";
@@ -134,6 +51,7 @@ class S3ModeTest : public ::testing::Test {
   std::unique_ptr<AttachmentService> StartService(const S3Settings& settings) {
     AttachmentServiceOptions options;
     options.data_dir = data_.path();
+    options.database = testing::FreshRecordsDatabase();
     options.tokens = {"alpha"};
     options.s3 = settings;
     ErrorRef error;
@@ -147,13 +65,15 @@ class S3ModeTest : public ::testing::Test {
   }
 
   static testing::TempDir* dir_;
-  static S3rver* server_;
+  static testing::ListeningServer* server_;
+  static std::string problem_;
   testing::TempDir data_;
   S3Settings settings_;
 };
 
 testing::TempDir* S3ModeTest::dir_ = nullptr;
-S3rver* S3ModeTest::server_ = nullptr;
+testing::ListeningServer* S3ModeTest::server_ = nullptr;
+std::string S3ModeTest::problem_;
 
 TEST_F(S3ModeTest, RoundTrip) {
   auto service = StartService(settings_);
@@ -165,8 +85,7 @@ TEST_F(S3ModeTest, RoundTrip) {
   ASSERT_EQ(started.status, 201) << started.body;
   const std::string uuid = started.json()["uuid"];
   const std::string upload = started.json()["upload_url"];
-  EXPECT_EQ(upload.rfind(server_->endpoint() + "/vmtest/attachments/" + uuid + "?", 0), 0u)
-      << upload;
+  EXPECT_EQ(upload.rfind(server_->url() + "/vmtest/attachments/" + uuid + "?", 0), 0u) << upload;
 
   EXPECT_EQ(api.confirm(uuid, bytes.size()).status, 409) << "nothing uploaded yet";
   ASSERT_EQ(Send("PUT", upload, bytes.substr(1)).status, 200);

@@ -5,19 +5,27 @@
 
 #include <filesystem>
 #include <memory>
+#include <optional>
+#include <string>
 
 #include "services/vmcloudd/AttachmentService.h"
 #include "tests/services/vmcloudd/HttpTestClient.h"
+#include "tests/services/vmcloudd/TestDatabase.h"
 #include "tests/support/TempDir.h"
 
 namespace vm::testing {
 
 // A service in embedded mode on 127.0.0.1, in a fresh data folder, called with "alpha".
+// Its records are the embedded SQLite file, or a fresh PostgreSQL database when the test
+// process runs with VMCLOUDD_TEST_BACKEND=postgresql; a restarted service keeps them.
 class ServiceFixture : public ::testing::Test {
  protected:
-  // Starts the service with `options`, whose data folder and tokens are filled in here.
+  // Starts the service with `options`, whose data folder, records and tokens are filled in
+  // here.
   void StartService(AttachmentServiceOptions options) {
+    if (!database_) database_ = FreshRecordsDatabase();
     options.data_dir = dir_.path() / "data";
+    options.database = *database_;
     options.tokens = {"alpha", "beta"};
     ErrorRef error;
     service_ = AttachmentService::Create(std::move(options), &error);
@@ -38,6 +46,7 @@ class ServiceFixture : public ::testing::Test {
   }
 
   TempDir dir_;
+  std::optional<std::string> database_;  // chosen on the first start
   std::unique_ptr<AttachmentService> service_;
   ApiClient api_;
 };
