@@ -30,6 +30,7 @@
 #include "VMAttachments/schemes/VMAttachmentSchemes.h"
 #include "bench/cloud/BenchProcess.h"
 #include "host/HXFileAttachmentScheme.h"
+#include "host/HostConstants.h"
 #include "host/sqlite/SqliteObjectContext.h"
 #include "platform/UniqueID.h"
 
