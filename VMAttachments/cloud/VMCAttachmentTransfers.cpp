@@ -2,6 +2,18 @@
 // calls prepare and register work and queue cloud operations; every completion moves to
 // the main operation queue before it touches a record, the cache, the context or a
 // delegate.
+//
+// Who hears what is kept as the host expects it, asymmetries included ("given" is the
+// delegate passed to the call, or the one the transfer manager put in its place; "record"
+// is the attachment's own delegate):
+//   store:    every failure -> given, gotCriticalError, and the out-pointer
+//   upload:   start -> given; success and failure -> record
+//   retrieve: not uploaded -> given, later on the main queue, out-pointer untouched;
+//             registration refused -> record, out-pointer untouched; stale transfer file
+//             not removable -> record and the out-pointer; start, outcome -> given
+//   delete:   registration refused -> given, gotCriticalError, and the out-pointer;
+//             start -> given; outcome -> record (a resumed deletion: start -> the
+//             transfer's delegate, outcome -> record)
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/stat.h>
@@ -122,6 +134,8 @@ bool VMCAttachment::storeFile(const fs::path& file, const std::string& /*at_path
     std::error_code ec;
     work_folder = fs::temp_directory_path(ec) / attachment->objectContext()->databaseUUID() /
                   *attachment->attachmentUUID();
+    // Without a temporary folder the path would be relative to wherever the host runs.
+    if (ec) folder_error = PosixError(ec);
   } else {
     folder_error = PosixError(EINVAL);
   }
@@ -247,6 +261,7 @@ bool VMCAttachment::retrieveAttachment(
   const std::optional<std::string> uuid = attachment->attachmentUUID();
   std::error_code ec;
   fs::path download_folder = fs::temp_directory_path(ec) / kDownloadFolderName;
+  if (ec) return failPreparingDownload(attachment, PosixError(ec), error);
   if (cache) download_folder /= cache->relativeFilePathForObject(*attachment);
   if (uuid && !IsSingleComponent(uuid)) {
     return failPreparingDownload(attachment, PosixError(EINVAL, download_folder), error);

@@ -16,6 +16,7 @@
 #include "host/sqlite/SqliteTransferManager.h"
 #include "platform/DispatchQueue.h"
 #include "platform/Progress.h"
+#include "platform/SafeNames.h"
 #include "platform/UniqueID.h"
 #include "tools/vmattach/Host.h"
 
@@ -123,20 +124,21 @@ std::vector<Outcome> ResumeAndWait(SqliteObjectContext& context, const TransferL
   return out;
 }
 
-// A name from the database used as a file name in a folder of the user's: one plain path
-// component only.
-bool IsPlainName(const std::string& name) {
-  return !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos;
-}
-
-// Copies the file or folder `from` to `to`, which must not exist: into a hidden name
-// beside it first and renamed into place without replacing anything, so that a failure
-// leaves nothing under `to`'s name. Modes (and so executable bits) are kept.
-bool CopyIntoPlace(const fs::path& from, const fs::path& to, ErrorRef* error) {
+// Copies the file or folder `from` to `to`: into a hidden name beside it first, then
+// renamed into place, so that a failure leaves nothing new under `to`'s name. An existing
+// `to` is refused (EEXIST), or with `replace` swapped out and removed once the copy is in
+// place. Modes (and so executable bits) are kept.
+bool CopyIntoPlace(const fs::path& from, const fs::path& to, bool replace, ErrorRef* error) {
   fs::path partial = to.parent_path() / ("." + to.filename().string() + ".vmattach-partial");
   std::error_code ec;
   fs::remove_all(partial, ec);
   fs::copy(from, partial, fs::copy_options::recursive | fs::copy_options::copy_symlinks, ec);
+  if (!ec && replace &&
+      ::renameat2(AT_FDCWD, partial.c_str(), AT_FDCWD, to.c_str(), RENAME_EXCHANGE) == 0) {
+    // `partial` now holds what was at `to`.
+    fs::remove_all(partial, ec);
+    return true;
+  }
   if (!ec && ::renameat2(AT_FDCWD, partial.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) != 0) {
     ec = std::error_code(errno, std::generic_category());
   }
@@ -321,11 +323,11 @@ int StoreThroughTransfer(SqliteObjectContext& context,
   if (!context.saveChanges(&error)) return ReportFailure(error);
   const std::uint64_t id = attachment->primaryKeyValue();
   fs::path cached = CacheFolder(*attachment);
-  if (!cached.empty() && IsPlainName(attachment->name())) {
+  if (!cached.empty() && !CheckFileName(attachment->name(), "attachment name")) {
     std::error_code ec;
     fs::create_directories(cached, ec);
     ErrorRef copy_error;
-    if (ec || !CopyIntoPlace(source, cached / attachment->name(), &copy_error)) {
+    if (ec || !CopyIntoPlace(source, cached / attachment->name(), false, &copy_error)) {
       // The cache only saves a download later; the store goes on without it.
       fmt::print(stderr, "vmattach: no cached copy: {}\n",
                  copy_error ? copy_error->localizedDescription() : ec.message());
@@ -354,12 +356,14 @@ int StoreThroughTransfer(SqliteObjectContext& context,
 int RetrieveThroughCache(SqliteObjectContext& context,
                          const std::shared_ptr<HXFileAttachment>& attachment,
                          HXFileAttachmentSchemeHandler& handler, const fs::path& destination,
-                         const GlobalOptions& options) {
+                         bool replace, const GlobalOptions& options) {
   const std::string name = attachment->name();
-  if (!IsPlainName(name)) return ReportFailure(PosixError(EINVAL, name));
+  if (ErrorRef refused = CheckFileName(name, "attachment name")) return ReportFailure(refused);
   const fs::path target = destination / name;
   std::error_code ec;
-  if (fs::exists(fs::symlink_status(target, ec))) return ReportFailure(PosixError(EEXIST, target));
+  if (!replace && fs::exists(fs::symlink_status(target, ec))) {
+    return ReportFailure(PosixError(EEXIST, target));
+  }
   const fs::path cached = CacheFolder(*attachment);
   if (cached.empty()) return ReportFailure("no attachment cache");
   // The scheme downloads into the cache folder; an older copy is set aside so that the
@@ -403,7 +407,7 @@ int RetrieveThroughCache(SqliteObjectContext& context,
     }
   }
   if (result.empty()) return ReportFailure("the retrieved copy is not in the cache");
-  if (!CopyIntoPlace(result, target, &error)) return ReportFailure(error);
+  if (!CopyIntoPlace(result, target, replace, &error)) return ReportFailure(error);
   fs::remove_all(aside, ec);
   if (!context.saveChanges(&error)) return ReportFailure(error);
   if (options.json) {

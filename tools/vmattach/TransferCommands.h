@@ -35,12 +35,13 @@ int StoreThroughTransfer(SqliteObjectContext& context,
 
 // `retrieve` through such a scheme: the scheme downloads into the attachment's cache
 // folder; the result (a file or an unpacked folder) is then copied into `destination`
-// under the attachment's name, never over an existing item. Prints the result and returns
-// the exit code.
+// under the attachment's name; an existing item there is refused (EEXIST) unless
+// `replace`. Prints the result and returns the exit code.
 int RetrieveThroughCache(SqliteObjectContext& context,
                          const std::shared_ptr<HXFileAttachment>& attachment,
                          HXFileAttachmentSchemeHandler& handler,
-                         const std::filesystem::path& destination, const GlobalOptions& options);
+                         const std::filesystem::path& destination, bool replace,
+                         const GlobalOptions& options);
 
 }  // namespace vm::vmattach
 
