@@ -2,9 +2,12 @@
 // DELETE) against vmcloudd in embedded mode on loopback, each with its own content,
 // which it verifies after the download. Reference in the same run: the same 200 clients
 // doing only a bare PUT and GET of the same bytes on a minimal in-memory HTTP server.
-// Prints cycles per second for both and their ratio; exits non-zero on any error.
+// Then the same cycles again while 500 slow peers (headers and bodies trickled a byte at a
+// time, remade as soon as the service drops them) hang on to the service.
+// Prints cycles per second for each and their ratios; exits non-zero on any error.
 #include <httplib.h>
 #include <stdlib.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -20,11 +23,13 @@
 #include <vector>
 
 #include "services/vmcloudd/AttachmentService.h"
+#include "tests/services/vmcloudd/SlowPeers.h"
 
 namespace {
 
 constexpr int kCycles = 200;
 constexpr int kRounds = 3;
+constexpr int kSlowPeers = 500;
 constexpr const char* kToken = "bench";
 
 using Clock = std::chrono::steady_clock;
@@ -121,9 +126,29 @@ double Measure(Cycle cycle, std::atomic<int>* errors) {
   return best;
 }
 
+// Half of them never finish their header, half send their body a byte at a time.
+std::vector<vm::testing::SlowPeers::Peer> SlowPeerList() {
+  std::vector<vm::testing::SlowPeers::Peer> peers;
+  for (int i = 0; i < kSlowPeers / 2; ++i) {
+    peers.push_back({"POST /v1/_internal/attachment HTTP/1.1\r\nHost: 127.0.0.1\r\n",
+                     "X-Slow: " + std::to_string(i) + "\r\n"});
+    peers.push_back({std::string("POST /v1/_internal/attachment HTTP/1.1\r\nHost: x\r\n"
+                                 "Authorization: Velmora ") +
+                         kToken + "\r\nContent-Length: 60000\r\n\r\n",
+                     " "});
+  }
+  return peers;
+}
+
 }  // namespace
 
 int main() {
+  // Every slow peer costs two descriptors: the peer's and the service's.
+  rlimit files{};
+  getrlimit(RLIMIT_NOFILE, &files);
+  files.rlim_cur = files.rlim_max;
+  setrlimit(RLIMIT_NOFILE, &files);
+
   char pattern[] = "/tmp/vmcloudd-bench-XXXXXX";
   if (mkdtemp(pattern) == nullptr) return 1;
   const std::filesystem::path dir = pattern;
@@ -170,6 +195,16 @@ int main() {
   double reference_rate =
       Measure([&](int round, int i) { return ReferenceCycle(reference_base, round, i); },
               &reference_errors);
+  std::atomic<int> attacked_errors{0};
+  double attacked_rate = 0;
+  int slow_dropped = 0;
+  {
+    vm::testing::SlowPeers slow(service->port(), SlowPeerList(), std::chrono::milliseconds(250),
+                                /*reopen=*/true);
+    attacked_rate = Measure([&](int round, int i) { return ServiceCycle(service_base, round, i); },
+                            &attacked_errors);
+    slow_dropped = slow.dropped();
+  }
 
   reference.stop();
   serving.join();
@@ -184,5 +219,10 @@ int main() {
   std::printf("reference (bare PUT+GET on an in-memory httplib server): %.1f cycles/s, %d errors\n",
               reference_rate, reference_errors.load());
   std::printf("ratio vmcloudd/reference: %.3f\n", service_rate / reference_rate);
-  return service_errors == 0 && reference_errors == 0 ? 0 : 1;
+  std::printf(
+      "vmcloudd embedded beside %d slow peers (%d dropped and remade meanwhile): %.1f cycles/s, "
+      "%d errors\n",
+      kSlowPeers, slow_dropped, attacked_rate, attacked_errors.load());
+  std::printf("ratio with/without slow peers: %.3f\n", attacked_rate / service_rate);
+  return service_errors == 0 && reference_errors == 0 && attacked_errors == 0 ? 0 : 1;
 }

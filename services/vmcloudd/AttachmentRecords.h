@@ -2,17 +2,12 @@
 #define VM_SERVICES_VMCLOUDD_ATTACHMENTRECORDS_H_
 
 #include <cstdint>
-#include <filesystem>
 #include <initializer_list>
-#include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
 
 #include "platform/Error.h"
-
-struct sqlite3;
 
 namespace vm {
 
@@ -29,36 +24,24 @@ struct AttachmentRecord {
   AttachmentState state = AttachmentState::kNew;
 };
 
-// The service's bookkeeping, one row per attachment, in a SQLite database file.
-// Every change is one transaction that is on disk when the call returns, so a restart
-// keeps everything that was answered.
-//
-// Thread-safe: one connection, used under a mutex.
+// The service's bookkeeping, one record per attachment. Every change is durable when
+// the call returns, so a restart keeps everything that was answered. Implementations
+// (SqliteAttachmentRecords) are safe for concurrent use from the request workers.
 class AttachmentRecords {
  public:
-  // Opens or creates the database. Null with `*error` when the file cannot be used.
-  static std::unique_ptr<AttachmentRecords> Open(const std::filesystem::path& file,
-                                                 ErrorRef* error);
-  ~AttachmentRecords();
-  AttachmentRecords(const AttachmentRecords&) = delete;
-  AttachmentRecords& operator=(const AttachmentRecords&) = delete;
+  virtual ~AttachmentRecords() = default;
 
   // Fails when a record with that UUID exists already.
-  bool insert(const AttachmentRecord& record, ErrorRef* error);
+  virtual bool insert(const AttachmentRecord& record, ErrorRef* error) = 0;
 
   // Returns false only on failure; `*found` is empty when there is no such record.
-  bool find(std::string_view uuid, std::optional<AttachmentRecord>* found, ErrorRef* error);
+  virtual bool find(std::string_view uuid, std::optional<AttachmentRecord>* found,
+                    ErrorRef* error) = 0;
 
   // Moves the record to `to` if its state is one of `from`, atomically. `*changed` says
   // whether it did. Returns false only on failure.
-  bool transition(std::string_view uuid, std::initializer_list<AttachmentState> from,
-                  AttachmentState to, bool* changed, ErrorRef* error);
-
- private:
-  explicit AttachmentRecords(sqlite3* db);
-
-  std::mutex mu_;
-  sqlite3* db_;  // owned; guarded by mu_
+  virtual bool transition(std::string_view uuid, std::initializer_list<AttachmentState> from,
+                          AttachmentState to, bool* changed, ErrorRef* error) = 0;
 };
 
 }  // namespace vm

@@ -1,20 +1,18 @@
 #include "services/vmcloudd/AttachmentService.h"
 
 #include <fmt/format.h>
-#include <httplib.h>
-#include <sys/socket.h>
 
-#include <cerrno>
-#include <cstring>
+#include <mutex>
 #include <nlohmann/json.hpp>
-#include <thread>
 
 #include "platform/Log.h"
 #include "platform/UniqueID.h"
 #include "services/vmcloudd/AttachmentRecords.h"
 #include "services/vmcloudd/EmbeddedBlobStorage.h"
+#include "services/vmcloudd/HttpServer.h"
 #include "services/vmcloudd/S3Storage.h"
 #include "services/vmcloudd/ServiceError.h"
+#include "services/vmcloudd/SqliteAttachmentRecords.h"
 #include "services/vmcloudd/internal/Crypto.h"
 #include "services/vmcloudd/internal/Responses.h"
 
@@ -23,12 +21,10 @@ namespace {
 
 namespace fs = std::filesystem;
 using internal::SendError;
-using internal::SendErrorAndClose;
 using nlohmann::json;
 
 constexpr std::string_view kApiPrefix = "/v1/";
 constexpr std::string_view kAuthScheme = "Velmora ";
-constexpr auto kStartWaitLimit = std::chrono::seconds(5);
 
 Log& HttpLog() { return Log::Get("vmcloudd", "http"); }
 Log& ServiceLog() { return Log::Get("vmcloudd", "service"); }
@@ -41,39 +37,31 @@ std::string HostForURL(const std::string& host) {
   return host.find(':') != std::string::npos ? "[" + host + "]" : host;
 }
 
-// Reads a JSON request body of at most `limit` bytes. Sends the refusal and returns
-// nullopt when the body is too large, incomplete or not a JSON object.
-std::optional<json> ReadJsonObject(const httplib::Request& request, httplib::Response& response,
-                                   const httplib::ContentReader& read, std::size_t limit) {
-  if (request.has_header("Content-Length") &&
-      request.get_header_value<std::uint64_t>("Content-Length") > limit) {
-    SendErrorAndClose(response, 413, "too_large", "The request body is too large");
-    return std::nullopt;
-  }
-  std::string body;
-  bool too_large = false;
-  bool complete = read([&](const char* data, std::size_t size) {
-    if (body.size() + size > limit) {
-      too_large = true;
-      return false;
-    }
-    body.append(data, size);
-    return true;
-  });
-  if (too_large) {
-    SendErrorAndClose(response, 413, "too_large", "The request body is too large");
-    return std::nullopt;
-  }
-  if (!complete) {
-    SendErrorAndClose(response, 400, "incomplete", "The request body ended early");
-    return std::nullopt;
-  }
-  json parsed = json::parse(body, nullptr, /*allow_exceptions=*/false);
+// Parses a JSON request body. Sends the refusal and returns nullopt when it is not a JSON
+// object.
+std::optional<json> ParseJsonObject(const HttpRequest& request, HttpResponse& response) {
+  json parsed = json::parse(request.body, nullptr, /*allow_exceptions=*/false);
   if (parsed.is_discarded() || !parsed.is_object()) {
     SendError(response, 400, "bad_json", "The request body must be a JSON object");
     return std::nullopt;
   }
   return parsed;
+}
+
+// `text` with quotes and backslashes written as \xNN, so that what a client sends
+// cannot close the quoted request field early and fake the fields after it. Log lines
+// escape control characters themselves.
+std::string QuoteForLog(std::string_view text) {
+  std::string out;
+  out.reserve(text.size());
+  for (char c : text) {
+    if (c == '"' || c == '\\') {
+      out += fmt::format("\\x{:02x}", static_cast<unsigned char>(c));
+    } else {
+      out += c;
+    }
+  }
+  return out;
 }
 
 // The unsigned integer under `key`; nullopt when it is absent, negative, fractional or
@@ -95,58 +83,71 @@ json InfoJson(const AttachmentRecord& record) {
       {"uuid", record.uuid}, {"size", record.size}, {"state", AttachmentStateName(record.state)}};
 }
 
-void SendJson(httplib::Response& response, int status, const json& body) {
+void SendJson(HttpResponse& response, int status, const json& body) {
   response.status = status;
-  response.set_content(body.dump(), "application/json");
+  response.content_type = "application/json";
+  response.body = body.dump();
 }
 
 }  // namespace
 
-class AttachmentService::Impl {
+class AttachmentService::Impl : public UploadGate {
  public:
   Impl(AttachmentServiceOptions options, std::unique_ptr<AttachmentRecords> records,
        std::unique_ptr<StorageProvider> storage, EmbeddedBlobStorage* embedded)
       : options_(std::move(options)),
         records_(std::move(records)),
         storage_(std::move(storage)),
-        embedded_(embedded) {}
+        embedded_(embedded) {
+    if (embedded_ != nullptr) embedded_->setUploadGate(this);
+  }
 
-  ~Impl() { stop(); }
+  ~Impl() override { stop(); }
 
   bool start(ErrorRef* error);
   void stop();
+
+  Decision check(std::string_view key) override;
+  Decision commit(std::string_view key, const std::function<bool()>& store) override;
 
   AttachmentServiceOptions options_;
   std::unique_ptr<AttachmentRecords> records_;
   std::unique_ptr<StorageProvider> storage_;
   EmbeddedBlobStorage* embedded_;  // storage_ when it is the embedded provider, else null
-  std::unique_ptr<httplib::Server> server_;
-  std::thread serving_;
+  // Declared after what its handlers use, so that it is gone before they are.
+  std::unique_ptr<HttpServer> server_;
   int port_ = 0;
-  int listen_fd_ = -1;  // owned by server_
   std::string base_url_;
+  // Held while the bytes behind a record are put in place, looked at for a confirmation,
+  // or removed, each together with the record's state: an upload can then never change
+  // bytes that were confirmed or deleted.
+  std::mutex bytes_mu_;
 
  private:
+  using ApiHandler = void (Impl::*)(const HttpRequest&, HttpResponse&);
+
   void installRoutes();
-  bool authorized(const httplib::Request& request) const;
+  // The handler of an API route: checks the token before anything else, then reads the
+  // body within the JSON limit and calls `handler`.
+  HttpHandler api(ApiHandler handler);
+  bool authorized(const HttpRequest& request) const;
+  void refuseUnauthorized(HttpResponse& response) const;
   // Sends a 500 for a failure of our own records or disk, and logs what it was.
-  void sendInternalError(httplib::Response& response, const ErrorRef& error) const;
-  std::optional<std::string> pathUUID(const httplib::Request& request,
-                                      httplib::Response& response) const;
+  void sendInternalError(HttpResponse& response, const ErrorRef& error) const;
+  std::optional<std::string> pathUUID(const HttpRequest& request, HttpResponse& response) const;
   // Looks the record up; sends 404 or 500 and returns false when there is none to use.
   bool findRecord(const std::string& uuid, std::optional<AttachmentRecord>* record,
-                  httplib::Response& response) const;
+                  HttpResponse& response) const;
 
-  void startUpload(const httplib::Request& request, httplib::Response& response,
-                   const httplib::ContentReader& read);
-  void finishUpload(const httplib::Request& request, httplib::Response& response,
-                    const httplib::ContentReader& read);
-  void download(const httplib::Request& request, httplib::Response& response);
-  void remove(const httplib::Request& request, httplib::Response& response);
+  void startUpload(const HttpRequest& request, HttpResponse& response);
+  void finishUpload(const HttpRequest& request, HttpResponse& response);
+  void download(const HttpRequest& request, HttpResponse& response);
+  void remove(const HttpRequest& request, HttpResponse& response);
 };
 
-bool AttachmentService::Impl::authorized(const httplib::Request& request) const {
-  const std::string header = request.get_header_value("Authorization");
+bool AttachmentService::Impl::authorized(const HttpRequest& request) const {
+  // The whole value counts: whatever follows the token (a NUL byte and more) refuses it.
+  const std::string header = request.header("Authorization");
   if (header.size() <= kAuthScheme.size() || header.compare(0, kAuthScheme.size(), kAuthScheme)) {
     return false;
   }
@@ -159,22 +160,28 @@ bool AttachmentService::Impl::authorized(const httplib::Request& request) const 
   return accepted;
 }
 
-void AttachmentService::Impl::sendInternalError(httplib::Response& response,
+void AttachmentService::Impl::refuseUnauthorized(HttpResponse& response) const {
+  response.headers.emplace_back("WWW-Authenticate", "Velmora");
+  SendError(response, 401, "unauthorized",
+            "An \"Authorization: Velmora <token>\" header with a known token is required");
+}
+
+void AttachmentService::Impl::sendInternalError(HttpResponse& response,
                                                 const ErrorRef& error) const {
   ServiceLog().error("{}", error ? error->summary() : std::string("unknown failure"));
   SendError(response, 500, "internal", "The service could not complete the request");
 }
 
-std::optional<std::string> AttachmentService::Impl::pathUUID(const httplib::Request& request,
-                                                             httplib::Response& response) const {
-  auto uuid = ParseUUID(request.matches[1].str());
+std::optional<std::string> AttachmentService::Impl::pathUUID(const HttpRequest& request,
+                                                             HttpResponse& response) const {
+  auto uuid = ParseUUID(request.matches[1]);
   if (!uuid) SendError(response, 400, "bad_uuid", "The path does not end in an attachment UUID");
   return uuid;
 }
 
 bool AttachmentService::Impl::findRecord(const std::string& uuid,
                                          std::optional<AttachmentRecord>* record,
-                                         httplib::Response& response) const {
+                                         HttpResponse& response) const {
   ErrorRef error;
   if (!records_->find(uuid, record, &error)) {
     sendInternalError(response, error);
@@ -187,10 +194,32 @@ bool AttachmentService::Impl::findRecord(const std::string& uuid,
   return true;
 }
 
-void AttachmentService::Impl::startUpload(const httplib::Request& request,
-                                          httplib::Response& response,
-                                          const httplib::ContentReader& read) {
-  auto body = ReadJsonObject(request, response, read, options_.max_json_body);
+UploadGate::Decision AttachmentService::Impl::check(std::string_view key) {
+  std::optional<AttachmentRecord> record;
+  ErrorRef error;
+  if (!records_->find(key, &record, &error)) {
+    ServiceLog().error("{}", error->summary());
+    return {500, "internal", "The service could not complete the request"};
+  }
+  if (!record || record->state == AttachmentState::kDeleted) {
+    return {404, "not_found", "The attachment has been deleted"};
+  }
+  if (record->state == AttachmentState::kUploaded) {
+    return {409, "confirmed", "The attachment's bytes have been confirmed and cannot change"};
+  }
+  return {0, {}, {}, record->size};
+}
+
+UploadGate::Decision AttachmentService::Impl::commit(std::string_view key,
+                                                     const std::function<bool()>& store) {
+  std::lock_guard lock(bytes_mu_);
+  Decision decision = check(key);
+  if (decision.status == 0) store();
+  return decision;
+}
+
+void AttachmentService::Impl::startUpload(const HttpRequest& request, HttpResponse& response) {
+  auto body = ParseJsonObject(request, response);
   if (!body) return;
   auto size = SizeField(*body, "size");
   if (!size) {
@@ -209,12 +238,10 @@ void AttachmentService::Impl::startUpload(const httplib::Request& request,
   SendJson(response, 201, reply);
 }
 
-void AttachmentService::Impl::finishUpload(const httplib::Request& request,
-                                           httplib::Response& response,
-                                           const httplib::ContentReader& read) {
+void AttachmentService::Impl::finishUpload(const HttpRequest& request, HttpResponse& response) {
   auto uuid = pathUUID(request, response);
   if (!uuid) return;
-  auto body = ReadJsonObject(request, response, read, options_.max_json_body);
+  auto body = ParseJsonObject(request, response);
   if (!body) return;
   auto body_uuid = StringField(*body, "uuid");
   auto size = SizeField(*body, "size");
@@ -242,6 +269,9 @@ void AttachmentService::Impl::finishUpload(const httplib::Request& request,
   if (record->state == AttachmentState::kUploaded)
     return SendJson(response, 200, InfoJson(*record));
 
+  // Only the embedded provider's uploads pass the gate that takes this lock.
+  std::unique_lock lock(bytes_mu_, std::defer_lock);
+  if (embedded_ != nullptr) lock.lock();
   StoredObject object;
   ErrorRef error;
   if (!storage_->statObject(*uuid, &object, &error)) {
@@ -274,8 +304,7 @@ void AttachmentService::Impl::finishUpload(const httplib::Request& request,
   SendJson(response, 200, InfoJson(*record));
 }
 
-void AttachmentService::Impl::download(const httplib::Request& request,
-                                       httplib::Response& response) {
+void AttachmentService::Impl::download(const HttpRequest& request, HttpResponse& response) {
   auto uuid = pathUUID(request, response);
   if (!uuid) return;
   std::optional<AttachmentRecord> record;
@@ -290,12 +319,14 @@ void AttachmentService::Impl::download(const httplib::Request& request,
   SendJson(response, 200, reply);
 }
 
-void AttachmentService::Impl::remove(const httplib::Request& request, httplib::Response& response) {
+void AttachmentService::Impl::remove(const HttpRequest& request, HttpResponse& response) {
   auto uuid = pathUUID(request, response);
   if (!uuid) return;
   std::optional<AttachmentRecord> record;
   if (!findRecord(*uuid, &record, response)) return;
   if (record->state != AttachmentState::kDeleted) {
+    std::unique_lock lock(bytes_mu_, std::defer_lock);
+    if (embedded_ != nullptr) lock.lock();
     ErrorRef error;
     // Bytes first: a record marked deleted whose bytes stayed behind would never be
     // cleaned up, while a failed removal can simply be asked for again.
@@ -313,165 +344,86 @@ void AttachmentService::Impl::remove(const httplib::Request& request, httplib::R
   response.status = 204;
 }
 
-void AttachmentService::Impl::installRoutes() {
-  httplib::Server& server = *server_;
-  server.new_task_queue = [threads = options_.threads] {
-    return new httplib::ThreadPool(static_cast<std::size_t>(threads));
-  };
-  server.set_payload_max_length(static_cast<std::size_t>(options_.max_blob_size));
-  // One request per connection. This server cannot drop a connection whose body it
-  // refused unread: kept alive, the rest of the body would be parsed as further requests.
-  // It also keeps idle clients from holding the request threads.
-  server.set_keep_alive_max_count(1);
-
-  server.set_pre_routing_handler(
-      [this](const httplib::Request& request, httplib::Response& response) {
-        if (request.path.rfind(kApiPrefix, 0) == 0 && !authorized(request)) {
-          response.set_header("WWW-Authenticate", "Velmora");
-          SendErrorAndClose(response, 401, "unauthorized",
-                            "An \"Authorization: Velmora <token>\" header with a known token is "
-                            "required");
-          return httplib::Server::HandlerResponse::Handled;
+HttpHandler AttachmentService::Impl::api(ApiHandler handler) {
+  return
+      [this, handler](HttpRequest& request, HttpResponse& response) -> std::unique_ptr<BodySink> {
+        if (!authorized(request)) {
+          refuseUnauthorized(response);
+          return nullptr;
         }
-        return httplib::Server::HandlerResponse::Unhandled;
-      });
+        return BufferedBody(
+            options_.max_json_body,
+            [this, handler](HttpRequest& buffered, BodyOutcome outcome, HttpResponse& answer) {
+              if (outcome == BodyOutcome::kTooLarge) {
+                return SendError(answer, 413, "too_large", "The request body is too large");
+              }
+              if (outcome != BodyOutcome::kComplete) {
+                return SendError(answer, 400, "incomplete", "The request body ended early");
+              }
+              (this->*handler)(buffered, answer);
+            });
+      };
+}
 
+void AttachmentService::Impl::installRoutes() {
+  HttpServer& server = *server_;
   const std::string collection = R"(/v1/_internal/attachment/?)";
   const std::string resource = R"(/v1/_internal/attachment/([^/]+))";
-  server.Post(collection,
-              [this](const httplib::Request& request, httplib::Response& response,
-                     const httplib::ContentReader& read) { startUpload(request, response, read); });
-  server.Put(resource,
-             [this](const httplib::Request& request, httplib::Response& response,
-                    const httplib::ContentReader& read) { finishUpload(request, response, read); });
-  server.Get(resource, [this](const httplib::Request& request, httplib::Response& response) {
-    download(request, response);
-  });
-  server.Delete(resource, [this](const httplib::Request& request, httplib::Response& response) {
-    remove(request, response);
-  });
-  // A DELETE that announces a body (even an empty one) is routed to handlers that read
-  // it; the body carries nothing, so it is read within the JSON limit and dropped.
-  server.Delete(resource, [this](const httplib::Request& request, httplib::Response& response,
-                                 const httplib::ContentReader& read) {
-    bool too_large = false;
-    std::size_t received = 0;
-    bool complete = read([&](const char*, std::size_t size) {
-      received += size;
-      too_large = received > options_.max_json_body;
-      return !too_large;
-    });
-    if (!complete) {
-      return SendErrorAndClose(response, too_large ? 413 : 400, "bad_request",
-                               "A DELETE takes no body");
-    }
-    remove(request, response);
-  });
-
+  server.route("POST", collection, api(&Impl::startUpload));
+  server.route("PUT", resource, api(&Impl::finishUpload));
+  server.route("GET", resource, api(&Impl::download));
+  // A DELETE may announce a body; it carries nothing, so it is read within the JSON
+  // limit and dropped.
+  server.route("DELETE", resource, api(&Impl::remove));
   if (embedded_ != nullptr) embedded_->installRoutes(&server);
 
-  // Without these, a body sent to an unknown path would be read into memory whole before
-  // the 404; refusing before reading keeps that bounded.
-  auto refuse = [](const httplib::Request&, httplib::Response& response,
-                   const httplib::ContentReader&) {
-    SendErrorAndClose(response, 404, "not_found", "There is nothing at this path");
-  };
-  server.Post(".*", refuse);
-  server.Put(".*", refuse);
-  server.Patch(".*", refuse);
-  server.Delete(".*", refuse);
-
-  server.set_error_handler(httplib::Server::HandlerWithResponse([](const httplib::Request&,
-                                                                   httplib::Response& response) {
-    if (response.body.empty() && response.content_length_ == 0) {
-      const bool missing = response.status == 404;
-      SendError(response, response.status, missing ? "not_found" : "error",
-                missing ? "There is nothing at this path"
-                        : fmt::format("The request failed with HTTP status {}", response.status));
+  // Refused before any body is read, so that what is sent to an unknown path costs
+  // nothing to hold.
+  server.setFallback([this](HttpRequest& request, HttpResponse& response) {
+    if (request.path.rfind(kApiPrefix, 0) == 0 && !authorized(request)) {
+      refuseUnauthorized(response);
+    } else {
+      SendError(response, 404, "not_found", "There is nothing at this path");
     }
-    return httplib::Server::HandlerResponse::Handled;
-  }));
-  server.set_exception_handler(
-      [](const httplib::Request& request, httplib::Response& response, std::exception_ptr thrown) {
-        std::string what = "unknown exception";
-        try {
-          std::rethrow_exception(thrown);
-        } catch (const std::exception& e) {
-          what = e.what();
-        } catch (...) {
-        }
-        ServiceLog().error("{} {} failed: {}", request.method, request.path, what);
-        SendError(response, 500, "internal", "The service could not complete the request");
-      });
-  server.set_logger([](const httplib::Request& request, const httplib::Response& response) {
-    std::size_t bytes = response.content_length_ ? response.content_length_ : response.body.size();
-    HttpLog().notice("{} \"{} {}\" {} {}", request.remote_addr, request.method, request.path,
-                     response.status, bytes);
+    return std::unique_ptr<BodySink>();
+  });
+  server.setLogger([](const HttpRequest& request, const HttpResponse& response) {
+    HttpLog().notice("{} \"{} {}\" {} {}", request.remote_address, QuoteForLog(request.method),
+                     QuoteForLog(request.path), response.status, response.contentLength());
   });
 }
 
 bool AttachmentService::Impl::start(ErrorRef* error) {
   if (server_) return Fail(error, BadSetting("The service has been started already"));
-  const bool tls = !options_.tls_cert.empty();
-  if (tls) {
-    auto server =
-        std::make_unique<httplib::SSLServer>(options_.tls_cert.c_str(), options_.tls_key.c_str());
-    if (!server->is_valid()) {
-      return Fail(error,
-                  BadSetting(fmt::format("The TLS certificate {} or key {} cannot be used",
-                                         options_.tls_cert.string(), options_.tls_key.string())));
-    }
-    server_ = std::move(server);
-  } else {
-    server_ = std::make_unique<httplib::Server>();
-  }
+  HttpServerOptions http;
+  http.host = options_.host;
+  http.port = options_.port;
+  http.tls_cert = options_.tls_cert;
+  http.tls_key = options_.tls_key;
+  http.workers = options_.threads;
+  http.header_timeout = options_.header_timeout;
+  http.min_rate = options_.min_transfer_rate;
+  http.rate_grace = options_.transfer_grace;
+  http.max_connections = options_.max_connections;
+  server_ = std::make_unique<HttpServer>(std::move(http));
   installRoutes();
-
-  // cpp-httplib listens with a backlog of 5; a burst of clients beyond that gets its
-  // handshakes dropped and its requests lost. Listening again on the bound socket raises
-  // the backlog, so the socket is kept when it is made.
-  server_->set_socket_options([this](socket_t socket) {
-    httplib::default_socket_options(socket);
-    listen_fd_ = socket;
-  });
-  if (options_.port == 0) {
-    port_ = server_->bind_to_any_port(options_.host);
-  } else {
-    port_ = server_->bind_to_port(options_.host, options_.port) ? options_.port : -1;
-  }
-  if (port_ <= 0) {
+  if (!server_->bind(error)) {
     server_.reset();
-    return Fail(error, CloudServiceError(
-                           kVMCloudServiceListenFailed,
-                           fmt::format("Cannot listen on {}:{}", options_.host, options_.port)));
+    return false;
   }
-  if (listen_fd_ >= 0 && ::listen(listen_fd_, SOMAXCONN) != 0) {
-    ServiceLog().error("cannot raise the listen backlog: {}", std::strerror(errno));
-  }
-  base_url_ = fmt::format("{}://{}:{}", tls ? "https" : "http", HostForURL(options_.host), port_);
+  port_ = server_->port();
+  base_url_ = fmt::format("{}://{}:{}", server_->tls() ? "https" : "http",
+                          HostForURL(options_.host), port_);
   if (embedded_ != nullptr) {
     embedded_->setBaseURL(options_.public_url.empty() ? base_url_ : options_.public_url);
   }
-  serving_ = std::thread([server = server_.get()] { server->listen_after_bind(); });
-  // stop() only takes effect once the loop runs, so wait for it (briefly) here.
-  auto deadline = std::chrono::steady_clock::now() + kStartWaitLimit;
-  while (!server_->is_running() && std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  if (!server_->is_running()) {
-    serving_.join();
-    server_.reset();
-    return Fail(error,
-                CloudServiceError(kVMCloudServiceListenFailed, "The server did not start serving"));
-  }
+  server_->start();
   ServiceLog().notice("serving {} with {} storage", base_url_, storage_->kind());
   return true;
 }
 
 void AttachmentService::Impl::stop() {
-  if (!server_) return;
-  server_->stop();
-  if (serving_.joinable()) serving_.join();
+  if (server_) server_->stop();
 }
 
 std::unique_ptr<AttachmentService> AttachmentService::Create(AttachmentServiceOptions options,
@@ -491,8 +443,10 @@ std::unique_ptr<AttachmentService> AttachmentService::Create(AttachmentServiceOp
     return nullptr;
   }
   if (options.url_lifetime <= std::chrono::seconds(0) || options.threads < 1 ||
-      options.max_json_body == 0) {
-    Fail(error, BadSetting("URL lifetime, thread count and JSON body limit must be positive"));
+      options.max_json_body == 0 || options.header_timeout <= std::chrono::milliseconds(0) ||
+      options.min_transfer_rate == 0 || options.max_connections == 0) {
+    Fail(error, BadSetting("URL lifetime, thread count, JSON body limit, header timeout, "
+                           "transfer rate and connection limit must be positive"));
     return nullptr;
   }
   if (options.data_dir.empty()) {
@@ -508,7 +462,8 @@ std::unique_ptr<AttachmentService> AttachmentService::Create(AttachmentServiceOp
                                        options.data_dir.string(), ec.message())));
     return nullptr;
   }
-  auto records = AttachmentRecords::Open(options.data_dir / "attachments.sqlite", error);
+  std::unique_ptr<AttachmentRecords> records =
+      SqliteAttachmentRecords::Open(options.data_dir / "attachments.sqlite", error);
   if (!records) return nullptr;
 
   std::unique_ptr<StorageProvider> storage;

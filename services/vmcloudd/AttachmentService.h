@@ -37,8 +37,17 @@ struct AttachmentServiceOptions {
   std::size_t max_json_body = 64 * 1024;
   // Largest attachment accepted, announced or uploaded (413 above it).
   std::uint64_t max_blob_size = std::uint64_t{64} << 30;
-  // Requests served at the same time.
+  // Threads that run request handlers (records, disk). Connections do not hold them
+  // while their peers send or read.
   int threads = 16;
+  // A request header must arrive whole within this time of the connection's acceptance.
+  std::chrono::milliseconds header_timeout{10000};
+  // Bodies and answers must move at least this many bytes per second on average once
+  // `transfer_grace` has passed; slower peers are dropped.
+  std::uint64_t min_transfer_rate = 4096;
+  std::chrono::milliseconds transfer_grace{5000};
+  // Connections held open at once; more are closed on arrival.
+  std::size_t max_connections = 4096;
   // Replaced by tests; the system clock otherwise.
   ServiceClock clock;
 };
@@ -49,8 +58,11 @@ struct AttachmentServiceOptions {
 // (subsystem "vmcloudd", category "http"), never with a URL's query, which may hold a
 // signature.
 //
-// Thread-safe. Requests run on a pool of `threads` threads; stop() and the destructor
-// wait for the serving thread to end.
+// Upload URLs accept bytes only while their attachment is "new", and at most the size
+// announced at the start; a confirmed or deleted attachment's bytes never change.
+//
+// Thread-safe. Connections are served asynchronously; handlers run on a pool of
+// `threads` threads. stop() and the destructor wait for every thread to end.
 class AttachmentService {
  public:
   // Opens the records and the storage provider. Null with `*error` when a setting is

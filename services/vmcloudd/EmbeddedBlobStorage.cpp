@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <httplib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -11,6 +10,7 @@
 #include <system_error>
 
 #include "platform/UniqueID.h"
+#include "services/vmcloudd/HttpServer.h"
 #include "services/vmcloudd/ServiceError.h"
 #include "services/vmcloudd/internal/Crypto.h"
 #include "services/vmcloudd/internal/Responses.h"
@@ -21,7 +21,6 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr std::size_t kSigningKeySize = 32;
-constexpr std::size_t kReadChunk = 256 * 1024;
 constexpr std::string_view kSigningKeyFile = "url-signing.key";
 constexpr std::string_view kIncomingFolder = ".incoming";
 
@@ -140,72 +139,36 @@ class EmbeddedBlobStorage::Impl {
 
   // Checks the URL a request came with. Sends the refusal and returns false when it
   // does not grant `method` on the blob.
-  bool authorize(const httplib::Request& request, std::string_view method, const std::string& key,
-                 httplib::Response& response) const {
-    const std::string expires_text = request.get_param_value("expires");
-    const std::string given = request.get_param_value("signature");
+  bool authorize(const HttpRequest& request, std::string_view method, const std::string& key,
+                 HttpResponse& response) const {
+    const std::string expires_text = request.queryParameter("expires");
+    const std::string given = request.queryParameter("signature");
     auto expires = ParseInteger(expires_text);
     if (!expires || given.empty() ||
         !internal::ConstantTimeEquals(given, signature(method, key, *expires))) {
-      internal::SendErrorAndClose(response, 403, "forbidden", "The URL's signature does not match");
+      internal::SendError(response, 403, "forbidden", "The URL's signature does not match");
       return false;
     }
     auto now = std::chrono::duration_cast<std::chrono::seconds>(clock_().time_since_epoch());
     if (now.count() > *expires) {
-      internal::SendErrorAndClose(response, 403, "expired", "The URL has expired");
+      internal::SendError(response, 403, "expired", "The URL has expired");
       return false;
     }
     return true;
   }
 
-  void handlePut(const httplib::Request& request, httplib::Response& response,
-                 const httplib::ContentReader& read) const {
-    auto key = ParseUUID(request.matches[1].str());
-    if (!key) return internal::SendErrorAndClose(response, 404, "not_found", "No such blob");
-    if (!authorize(request, "PUT", *key, response)) return;
-    if (request.has_header("Content-Length") &&
-        request.get_header_value<std::uint64_t>("Content-Length") > max_blob_size_) {
-      return internal::SendErrorAndClose(response, 413, "too_large",
-                                         "The blob is larger than this service accepts");
-    }
-    std::string temp = (incoming_ / (*key + ".XXXXXX")).string();
-    FileDescriptor fd(::mkstemp(temp.data()));
-    if (fd.get() < 0) {
-      return internal::SendErrorAndClose(response, 500, "storage_failed",
-                                         "The blob could not be stored");
-    }
-    std::uint64_t received = 0;
-    bool write_failed = false;
-    bool complete = read([&](const char* data, std::size_t size) {
-      received += size;
-      if (received > max_blob_size_ || !WriteAll(fd.get(), data, size)) {
-        write_failed = true;
-        return false;
-      }
-      return true;
-    });
-    if (complete && ::fdatasync(fd.get()) != 0) {
-      write_failed = true;
-    }
-    fd.reset();
-    if (!complete || write_failed || ::rename(temp.c_str(), blobPath(*key).c_str()) != 0) {
-      ::unlink(temp.c_str());
-      if (received > max_blob_size_) {
-        return internal::SendErrorAndClose(response, 413, "too_large",
-                                           "The blob is larger than this service accepts");
-      }
-      if (write_failed) {
-        return internal::SendErrorAndClose(response, 500, "storage_failed",
-                                           "The blob could not be stored");
-      }
-      return internal::SendErrorAndClose(response, 400, "incomplete",
-                                         "The body ended before it was complete");
-    }
-    response.status = 200;
+  // Refuses with the gate's decision; false when the upload may go on.
+  static bool Refused(const UploadGate::Decision& decision, HttpResponse& response) {
+    if (decision.status == 0) return false;
+    internal::SendError(response, decision.status, decision.code, decision.message);
+    return true;
   }
 
-  void handleGet(const httplib::Request& request, httplib::Response& response) const {
-    auto key = ParseUUID(request.matches[1].str());
+  class BlobUpload;
+  std::unique_ptr<BodySink> handlePut(HttpRequest& request, HttpResponse& response) const;
+
+  void handleGet(const HttpRequest& request, HttpResponse& response) const {
+    auto key = ParseUUID(request.matches[1]);
     if (!key) return internal::SendError(response, 404, "not_found", "No such blob");
     if (!authorize(request, "GET", *key, response)) return;
     int fd = ::open(blobPath(*key).c_str(), O_RDONLY | O_CLOEXEC);
@@ -214,19 +177,11 @@ class EmbeddedBlobStorage::Impl {
       if (fd >= 0) ::close(fd);
       return internal::SendError(response, 404, "not_found", "No such blob");
     }
-    // The descriptor keeps the bytes readable even if a new upload replaces or a
-    // deletion removes the file while this answer is being sent.
-    auto file = std::make_shared<FileDescriptor>(fd);
+    // The descriptor keeps the bytes readable even if a deletion removes the file while
+    // this answer is being sent.
     response.status = 200;
-    response.set_content_provider(
-        static_cast<std::size_t>(info.st_size), "application/octet-stream",
-        [file](std::size_t offset, std::size_t length, httplib::DataSink& sink) {
-          std::vector<char> buffer(std::min(length, kReadChunk));
-          ssize_t got =
-              ::pread(file->get(), buffer.data(), buffer.size(), static_cast<off_t>(offset));
-          if (got <= 0) return false;
-          return sink.write(buffer.data(), static_cast<std::size_t>(got));
-        });
+    response.content_type = "application/octet-stream";
+    response.setFile(fd, static_cast<std::uint64_t>(info.st_size));
   }
 
   fs::path directory_;
@@ -235,7 +190,83 @@ class EmbeddedBlobStorage::Impl {
   std::uint64_t max_blob_size_;
   ServiceClock clock_;
   std::string base_url_;
+  UploadGate* gate_ = nullptr;
 };
+
+// Streams one upload into a temporary file beside the blobs and moves it into place
+// only when the whole body arrived and the gate still allows it.
+class EmbeddedBlobStorage::Impl::BlobUpload : public BodySink {
+ public:
+  BlobUpload(const Impl& storage, std::string key, std::uint64_t limit, std::string temp, int fd)
+      : storage_(storage), key_(std::move(key)), limit_(limit), temp_(std::move(temp)), fd_(fd) {}
+  ~BlobUpload() override {
+    fd_.reset();
+    if (!stored_) ::unlink(temp_.c_str());
+  }
+
+  std::uint64_t limit() const override { return limit_; }
+  bool write(const char* data, std::size_t size) override {
+    return WriteAll(fd_.get(), data, size);
+  }
+  void finish(HttpRequest&, BodyOutcome outcome, HttpResponse& response) override {
+    if (outcome == BodyOutcome::kTooLarge) {
+      return internal::SendError(response, 413, "too_large",
+                                 fmt::format("The blob may hold at most {} bytes", limit_));
+    }
+    if (outcome == BodyOutcome::kIncomplete) {
+      return internal::SendError(response, 400, "incomplete",
+                                 "The body ended before it was complete");
+    }
+    bool written = outcome == BodyOutcome::kComplete && ::fdatasync(fd_.get()) == 0;
+    fd_.reset();
+    if (written) {
+      auto store = [&] {
+        stored_ = ::rename(temp_.c_str(), storage_.blobPath(key_).c_str()) == 0;
+        return stored_;
+      };
+      if (storage_.gate_ == nullptr) {
+        store();
+      } else if (Refused(storage_.gate_->commit(key_, store), response)) {
+        return;
+      }
+    }
+    if (!stored_) {
+      return internal::SendError(response, 500, "storage_failed", "The blob could not be stored");
+    }
+    response.status = 200;
+  }
+
+ private:
+  const Impl& storage_;
+  std::string key_;
+  std::uint64_t limit_;
+  std::string temp_;
+  FileDescriptor fd_;
+  bool stored_ = false;
+};
+
+std::unique_ptr<BodySink> EmbeddedBlobStorage::Impl::handlePut(HttpRequest& request,
+                                                               HttpResponse& response) const {
+  auto key = ParseUUID(request.matches[1]);
+  if (!key) {
+    internal::SendError(response, 404, "not_found", "No such blob");
+    return nullptr;
+  }
+  if (!authorize(request, "PUT", *key, response)) return nullptr;
+  std::uint64_t limit = max_blob_size_;
+  if (gate_ != nullptr) {
+    UploadGate::Decision decision = gate_->check(*key);
+    if (Refused(decision, response)) return nullptr;
+    limit = std::min(limit, decision.size);
+  }
+  std::string temp = (incoming_ / (*key + ".XXXXXX")).string();
+  int fd = ::mkstemp(temp.data());
+  if (fd < 0) {
+    internal::SendError(response, 500, "storage_failed", "The blob could not be stored");
+    return nullptr;
+  }
+  return std::make_unique<BlobUpload>(*this, *key, limit, std::move(temp), fd);
+}
 
 std::unique_ptr<EmbeddedBlobStorage> EmbeddedBlobStorage::Open(const fs::path& directory,
                                                                std::uint64_t max_blob_size,
@@ -267,15 +298,17 @@ void EmbeddedBlobStorage::setBaseURL(std::string base_url) {
   impl_->base_url_ = std::move(base_url);
 }
 
-void EmbeddedBlobStorage::installRoutes(httplib::Server* server) {
+void EmbeddedBlobStorage::setUploadGate(UploadGate* gate) { impl_->gate_ = gate; }
+
+void EmbeddedBlobStorage::installRoutes(HttpServer* server) {
   const std::string pattern = std::string(kRoutePrefix) + "([^/]+)";
   Impl* impl = impl_.get();
-  server->Put(pattern, [impl](const httplib::Request& request, httplib::Response& response,
-                              const httplib::ContentReader& read) {
-    impl->handlePut(request, response, read);
+  server->route("PUT", pattern, [impl](HttpRequest& request, HttpResponse& response) {
+    return impl->handlePut(request, response);
   });
-  server->Get(pattern, [impl](const httplib::Request& request, httplib::Response& response) {
+  server->route("GET", pattern, [impl](HttpRequest& request, HttpResponse& response) {
     impl->handleGet(request, response);
+    return std::unique_ptr<BodySink>();
   });
 }
 

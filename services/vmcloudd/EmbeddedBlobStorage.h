@@ -3,16 +3,33 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <string>
 
 #include "services/vmcloudd/StorageProvider.h"
 
-namespace httplib {
-class Server;
-}
-
 namespace vm {
+
+class HttpServer;
+
+// Decides whether the blob of a key may receive bytes. An upload URL stays signed for its
+// whole lifetime, but the bytes behind a confirmed or deleted attachment must not change.
+class UploadGate {
+ public:
+  struct Decision {
+    int status = 0;  // 0: the upload may go on; else the HTTP status that refuses it
+    std::string code;
+    std::string message;
+    std::uint64_t size = 0;  // when allowed: the most bytes the blob may hold
+  };
+
+  virtual ~UploadGate() = default;
+  virtual Decision check(std::string_view key) = 0;
+  // Decides again and, when still allowed, runs `store` (which puts the complete bytes
+  // in place) before any confirmation or deletion of `key` can look at them.
+  virtual Decision commit(std::string_view key, const std::function<bool()>& store) = 0;
+};
 
 // The storage provider of a single-machine installation: blobs are files on local disk,
 // and vmcloudd itself serves them at /blobs/{key} to whoever holds a URL it signed
@@ -23,8 +40,9 @@ namespace vm {
 // body has arrived, so a reader never sees a partial blob and a failed upload leaves the
 // previous bytes (if any) alone.
 //
-// Keys are attachment UUIDs in canonical upper case. Thread-safe once set up: setBaseURL()
-// and installRoutes() are called once, before the server serves its first request.
+// Keys are attachment UUIDs in canonical upper case. Thread-safe once set up: setBaseURL(),
+// setUploadGate() and installRoutes() are called once, before the server serves its first
+// request.
 class EmbeddedBlobStorage : public StorageProvider {
  public:
   static constexpr std::string_view kRoutePrefix = "/blobs/";
@@ -39,9 +57,12 @@ class EmbeddedBlobStorage : public StorageProvider {
 
   // "scheme://host:port" under which clients reach this service.
   void setBaseURL(std::string base_url);
-  // Serves PUT and GET (HEAD) of signed blob URLs on `server`, which must stop serving
-  // before this object goes away.
-  void installRoutes(httplib::Server* server);
+  // Asked before and after every upload; without one, any signed upload is taken up to
+  // the size limit. Not owned; must outlive the serving.
+  void setUploadGate(UploadGate* gate);
+  // Serves PUT and GET of signed blob URLs on `server`, which must stop serving before
+  // this object goes away.
+  void installRoutes(HttpServer* server);
 
   std::string_view kind() const override { return "embedded"; }
   std::string uploadURL(std::string_view key, std::chrono::seconds lifetime) const override;

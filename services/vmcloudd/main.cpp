@@ -60,8 +60,23 @@ int main(int argc, char** argv) {
   app.add_option("--max-json-body", options.max_json_body, "Largest JSON request body in bytes")
       ->check(CLI::PositiveNumber);
   app.add_option("--max-blob-size", options.max_blob_size, "Largest attachment in bytes");
-  app.add_option("--threads", options.threads, "Requests served at once")
+  app.add_option("--threads", options.threads,
+                 "Threads that run request handlers (slow peers do not hold them)")
       ->check(CLI::Range(1, 1024));
+  double header_timeout = options.header_timeout.count() / 1000.0;
+  double transfer_grace = options.transfer_grace.count() / 1000.0;
+  app.add_option("--header-timeout", header_timeout,
+                 "Seconds a request header may take to arrive whole")
+      ->check(CLI::Range(0.1, 3600.0));
+  app.add_option("--min-transfer-rate", options.min_transfer_rate,
+                 "Bytes per second a body or answer must move on average after the grace time")
+      ->check(CLI::PositiveNumber);
+  app.add_option("--transfer-grace", transfer_grace,
+                 "Seconds a body or answer may take before the minimum rate applies")
+      ->check(CLI::Range(0.0, 3600.0));
+  app.add_option("--max-connections", options.max_connections,
+                 "Connections held at once; more are closed on arrival")
+      ->check(CLI::PositiveNumber);
 
   auto* endpoint = app.add_option("--s3-endpoint", s3.endpoint,
                                   "S3-compatible endpoint URL: keep the bytes in a bucket");
@@ -87,6 +102,8 @@ int main(int argc, char** argv) {
   options.tls_cert = tls_cert;
   options.tls_key = tls_key;
   options.url_lifetime = std::chrono::seconds(lifetime);
+  options.header_timeout = std::chrono::milliseconds(static_cast<long>(header_timeout * 1000));
+  options.transfer_grace = std::chrono::milliseconds(static_cast<long>(transfer_grace * 1000));
   if (!s3.endpoint.empty()) options.s3 = s3;
 
   // Signals are taken by sigwait below, so block them before any thread starts.

@@ -9,6 +9,7 @@
 #include "platform/UniqueID.h"
 #include "services/vmcloudd/AttachmentService.h"
 #include "tests/services/vmcloudd/HttpTestClient.h"
+#include "tests/services/vmcloudd/ServiceFixture.h"
 #include "tests/support/TempDir.h"
 
 namespace vm {
@@ -20,31 +21,20 @@ using testing::Send;
 using testing::TestBytes;
 using testing::WithQueryParameter;
 
-class EmbeddedServiceTest : public ::testing::Test {
+class EmbeddedServiceTest : public testing::ServiceFixture {
  protected:
   void SetUp() override { Start(); }
+  // The service reads skew_ through its clock, so it goes first.
+  void TearDown() override { service_.reset(); }
 
   void Start(int port = 0) {
     AttachmentServiceOptions options;
     options.port = port;
-    options.data_dir = dir_.path() / "data";
-    options.tokens = {"alpha", "beta"};
     options.max_json_body = 1024;
     options.max_blob_size = 4 << 20;
     options.url_lifetime = std::chrono::seconds(600);
     options.clock = [this] { return std::chrono::system_clock::now() + skew_.load(); };
-    ErrorRef error;
-    service_ = AttachmentService::Create(std::move(options), &error);
-    ASSERT_TRUE(service_) << error->summary();
-    ASSERT_TRUE(service_->start(&error)) << error->summary();
-    api_.base_url = service_->baseURL();
-  }
-
-  // Starts an upload of `size` bytes; returns its reply.
-  nlohmann::json StartUpload(std::uint64_t size) {
-    HttpReply reply = api_.start(size);
-    EXPECT_EQ(reply.status, 201) << reply.body;
-    return reply.json();
+    StartService(std::move(options));
   }
 
   // An attachment that went through start, bytes and confirmation.
@@ -55,14 +45,7 @@ class EmbeddedServiceTest : public ::testing::Test {
     return started;
   }
 
-  std::filesystem::path BlobPath(const std::string& uuid) const {
-    return dir_.path() / "data" / "blobs" / uuid;
-  }
-
-  testing::TempDir dir_;
   std::atomic<std::chrono::seconds> skew_{std::chrono::seconds(0)};
-  std::unique_ptr<AttachmentService> service_;
-  ApiClient api_;
 };
 
 TEST_F(EmbeddedServiceTest, RoundTrip) {
