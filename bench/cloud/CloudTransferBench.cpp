@@ -25,13 +25,13 @@
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
-#include <random>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "BWFoundation/ServerEnvironment.h"
 #include "VMAttachments/CloudAttachmentOperation.h"
+#include "bench/cloud/BenchProcess.h"
 #include "platform/DispatchQueue.h"
 #include "platform/Operation.h"
 #include "platform/UniqueID.h"
@@ -169,53 +169,9 @@ int Client(const std::string& api, const fs::path& file, const fs::path& out) {
 
 // ---- The driver ---------------------------------------------------------------------------
 
-struct Finished {
-  std::string output;
-  double seconds = 0;
-  long peak_kib = 0;
-  int status = -1;
-};
-
-// Runs `argv` to its end; returns its standard output, wall time and peak resident size.
-Finished Run(const std::vector<std::string>& argv) {
-  int out[2];
-  if (::pipe(out) != 0) return {};
-  auto start = Clock::now();
-  pid_t pid = ::fork();
-  if (pid == 0) {
-    ::dup2(out[1], STDOUT_FILENO);
-    ::close(out[0]);
-    ::close(out[1]);
-    std::vector<char*> args;
-    for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-    args.push_back(nullptr);
-    ::execv(args[0], args.data());
-    ::_exit(127);
-  }
-  ::close(out[1]);
-  Finished finished;
-  char buffer[4096];
-  ssize_t got;
-  while ((got = ::read(out[0], buffer, sizeof(buffer))) > 0) finished.output.append(buffer, got);
-  ::close(out[0]);
-  int status = 0;
-  struct rusage usage {};
-  ::wait4(pid, &status, 0, &usage);
-  finished.seconds = std::chrono::duration<double>(Clock::now() - start).count();
-  finished.peak_kib = usage.ru_maxrss;
-  finished.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return finished;
-}
-
-void MakeFile(const fs::path& path, std::size_t mib) {
-  std::vector<char> chunk(1 << 20);
-  std::mt19937_64 random(42);
-  std::ofstream file(path, std::ios::binary);
-  for (std::size_t i = 0; i < mib; ++i) {
-    for (auto& c : chunk) c = static_cast<char>(random());
-    file.write(chunk.data(), static_cast<std::streamsize>(chunk.size()));
-  }
-}
+using vm::bench::Finished;
+using vm::bench::MakeFile;
+using vm::bench::Run;
 
 struct Best {
   double ours_up = 1e9, ours_down = 1e9, curl_up = 1e9, curl_down = 1e9;
@@ -308,18 +264,10 @@ int main(int argc, char** argv) {
   std::vector<std::string> args(argv + 1, argv + argc);
   if (args.size() == 4 && args[0] == "--client") return Client(args[1], args[2], args[3]);
   if (args.size() == 2 && args[0] == "--serve") return Serve(args[1], STDOUT_FILENO);
-  std::vector<std::size_t> sizes = {32, 256};
-  int rounds = 3;
-  std::string curl = "/usr/bin/curl";
-  for (std::size_t i = 0; i + 1 < args.size(); i += 2) {
-    if (args[i] == "--rounds") rounds = std::max(1, std::atoi(args[i + 1].c_str()));
-    if (args[i] == "--curl") curl = args[i + 1];
-    if (args[i] == "--sizes") {
-      sizes.clear();
-      std::istringstream list(args[i + 1]);
-      std::string item;
-      while (std::getline(list, item, ',')) sizes.push_back(std::stoul(item));
-    }
-  }
-  return Drive(fs::read_symlink("/proc/self/exe").string(), sizes, rounds, curl);
+  vm::bench::SizeOptions options;
+  options.sizes = {32, 256};
+  options.rounds = 3;
+  vm::bench::ParseSizeOptions(args, &options);
+  return Drive(fs::read_symlink("/proc/self/exe").string(), options.sizes, options.rounds,
+               options.curl);
 }

@@ -21,6 +21,7 @@
 #include "platform/UniqueID.h"
 #include "tools/vmattach/Host.h"
 #include "tools/vmattach/ShareCommands.h"
+#include "tools/vmattach/TransferCommands.h"
 
 namespace vm::vmattach {
 namespace {
@@ -233,6 +234,9 @@ int RunStore(const GlobalOptions& options, const AttachmentOptions& store) {
       relative = cache->relativeFilePathForObject(*attachment);
     }
   }
+  if (QueuesTransfers(*handler)) {
+    return StoreThroughTransfer(*context, attachment, *handler, source, relative, options);
+  }
   if (!handler->storeFile(source, relative, attachment, delegate, &error)) {
     return ReportTransferFailure(error ? error : delegate->error(), handler.get(), *attachment);
   }
@@ -313,6 +317,10 @@ int RunRetrieve(const GlobalOptions& options, const AttachmentOptions& retrieve)
     }
   }
 
+  if (QueuesTransfers(*loaded.handler)) {
+    return RetrieveThroughCache(*loaded.context, loaded.attachment, *loaded.handler, destination,
+                                retrieve.force, options);
+  }
   auto delegate = std::make_shared<CommandDelegate>("retrieve");
   loaded.attachment->setDelegate(delegate);
   ErrorRef error;

@@ -1,0 +1,70 @@
+#include "bench/cloud/BenchProcess.h"
+
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <fstream>
+#include <random>
+#include <sstream>
+
+namespace vm::bench {
+
+Finished Run(const std::vector<std::string>& argv) {
+  int out[2];
+  if (::pipe(out) != 0) return {};
+  auto start = std::chrono::steady_clock::now();
+  pid_t pid = ::fork();
+  if (pid == 0) {
+    ::dup2(out[1], STDOUT_FILENO);
+    ::close(out[0]);
+    ::close(out[1]);
+    std::vector<char*> args;
+    for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+    args.push_back(nullptr);
+    ::execv(args[0], args.data());
+    ::_exit(127);
+  }
+  ::close(out[1]);
+  Finished finished;
+  char buffer[4096];
+  ssize_t got;
+  while ((got = ::read(out[0], buffer, sizeof(buffer))) > 0) finished.output.append(buffer, got);
+  ::close(out[0]);
+  int status = 0;
+  struct rusage usage {};
+  ::wait4(pid, &status, 0, &usage);
+  finished.seconds =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  finished.peak_kib = usage.ru_maxrss;
+  finished.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return finished;
+}
+
+void ParseSizeOptions(const std::vector<std::string>& args, SizeOptions* options) {
+  for (std::size_t i = 0; i + 1 < args.size(); i += 2) {
+    if (args[i] == "--rounds") options->rounds = std::max(1, std::atoi(args[i + 1].c_str()));
+    if (args[i] == "--curl") options->curl = args[i + 1];
+    if (args[i] == "--sizes") {
+      options->sizes.clear();
+      std::istringstream list(args[i + 1]);
+      std::string item;
+      while (std::getline(list, item, ',')) options->sizes.push_back(std::stoul(item));
+    }
+  }
+}
+
+void MakeFile(const std::filesystem::path& path, std::size_t mib) {
+  std::vector<char> chunk(1 << 20);
+  std::mt19937_64 random(42);
+  std::ofstream file(path, std::ios::binary);
+  for (std::size_t i = 0; i < mib; ++i) {
+    for (auto& c : chunk) c = static_cast<char>(random());
+    file.write(chunk.data(), static_cast<std::streamsize>(chunk.size()));
+  }
+}
+
+}  // namespace vm::bench
