@@ -1,6 +1,11 @@
 #include "host/VMAttachmentTransferManager.h"
 
+#include <fmt/format.h>
+
 #include "host/HXFileAttachment.h"
+#include "host/HXFileAttachmentScheme.h"
+#include "host/HXFileAttachmentSchemeHandler.h"
+#include "host/HostConstants.h"
 
 namespace vm {
 
@@ -61,6 +66,47 @@ std::shared_ptr<Progress> VMAttachmentTransferObject::progress() const {
 void VMAttachmentTransferObject::setProgress(std::shared_ptr<Progress> progress) {
   std::lock_guard lock(mu_);
   progress_ = std::move(progress);
+}
+
+VMAttachmentTransferHandlerProtocol* VMAttachmentTransferManager::transferHandlerForTransfer(
+    const VMAttachmentTransferObject& transfer, ErrorRef* error) {
+  auto refuse = [&](std::string description) -> VMAttachmentTransferHandlerProtocol* {
+    Fail(error,
+         Error::WithDescription(kVMFileAttachmentDomain, kTransferNoHandlerErrorCode, description));
+    return nullptr;
+  };
+  const std::shared_ptr<HXFileAttachment>& attachment = transfer.attachment();
+  if (!attachment) {
+    return refuse(
+        fmt::format("The attachment of transfer {} no longer exists.", transfer.attachmentID()));
+  }
+  std::shared_ptr<HXFileAttachmentScheme> scheme = attachment->fileAttachmentScheme();
+  std::shared_ptr<HXFileAttachmentSchemeHandler> handler =
+      scheme ? scheme->schemeHandler() : nullptr;
+  auto* control = dynamic_cast<VMAttachmentTransferHandlerProtocol*>(handler.get());
+  if (control == nullptr) {
+    return refuse(fmt::format("The scheme of transfer {} cannot control transfers.",
+                              transfer.attachmentID()));
+  }
+  return control;
+}
+
+bool VMAttachmentTransferManager::resumeTransfer(
+    const std::shared_ptr<VMAttachmentTransferObject>& transfer, ErrorRef* error) {
+  VMAttachmentTransferHandlerProtocol* handler = transferHandlerForTransfer(*transfer, error);
+  return handler != nullptr && handler->resumeTransfer(transfer);
+}
+
+bool VMAttachmentTransferManager::suspendTransfer(
+    const std::shared_ptr<VMAttachmentTransferObject>& transfer, ErrorRef* error) {
+  VMAttachmentTransferHandlerProtocol* handler = transferHandlerForTransfer(*transfer, error);
+  return handler != nullptr && handler->suspendTransfer(transfer);
+}
+
+bool VMAttachmentTransferManager::cancelTransfer(
+    const std::shared_ptr<VMAttachmentTransferObject>& transfer, ErrorRef* error) {
+  VMAttachmentTransferHandlerProtocol* handler = transferHandlerForTransfer(*transfer, error);
+  return handler != nullptr && handler->cancelTransfer(transfer);
 }
 
 }  // namespace vm

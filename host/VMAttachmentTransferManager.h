@@ -15,6 +15,7 @@ namespace vm {
 class HXFileAttachment;
 class HXFileAttachmentTransferDelegate;
 class Progress;
+class VMAttachmentTransferHandlerProtocol;
 
 // Operation types of a registered transfer.
 inline constexpr std::uint64_t kTransferOperationUpload = 0;
@@ -84,6 +85,23 @@ class VMAttachmentTransferManager {
   virtual std::mutex& transferObjectsMutex() = 0;
   virtual void addTransferObjectLocked(std::shared_ptr<VMAttachmentTransferObject> transfer) = 0;
   virtual std::vector<std::shared_ptr<VMAttachmentTransferObject>> transferObjects() = 0;
+
+  // The handler that controls `transfer`: the handler of the scheme of the transfer's
+  // attachment, when it adopts VMAttachmentTransferHandlerProtocol. Null with `*error`
+  // set when the attachment, its scheme or such a handler is missing. The result stays
+  // valid while the handler's scheme record is alive (the context owns both).
+  static VMAttachmentTransferHandlerProtocol* transferHandlerForTransfer(
+      const VMAttachmentTransferObject& transfer, ErrorRef* error);
+
+  // Hand `transfer` to its handler's resumeTransfer, suspendTransfer or cancelTransfer and
+  // return the handler's answer; false with `*error` set when there is no handler (the
+  // handler's own "no" leaves `*error` alone).
+  static bool resumeTransfer(const std::shared_ptr<VMAttachmentTransferObject>& transfer,
+                             ErrorRef* error);
+  static bool suspendTransfer(const std::shared_ptr<VMAttachmentTransferObject>& transfer,
+                              ErrorRef* error);
+  static bool cancelTransfer(const std::shared_ptr<VMAttachmentTransferObject>& transfer,
+                             ErrorRef* error);
 };
 
 }  // namespace vm

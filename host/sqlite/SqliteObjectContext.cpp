@@ -563,6 +563,55 @@ std::shared_ptr<HXFileAttachment> SqliteObjectContext::loadAttachment(std::uint6
   return attachmentWithPrimaryKey(key, true);
 }
 
+bool SqliteObjectContext::withRecordSaveState(const HXRecord& record,
+                                              const std::function<bool(bool saved)>& body) {
+  std::lock_guard lock(mu_);
+  bool saved =
+      unsaved_inserts_.count(std::make_pair(record.entityName(), record.primaryKeyValue())) == 0;
+  return body(saved);
+}
+
+bool SqliteObjectContext::performTransaction(
+    const std::function<bool(SqliteDatabase&, ErrorRef*)>& body, ErrorRef* error) {
+  std::lock_guard lock(mu_);
+  if (!db_->exec("BEGIN IMMEDIATE", error)) return false;
+  ErrorRef failure;
+  if (!body(*db_, &failure) || !db_->exec("COMMIT", &failure)) {
+    db_->exec("ROLLBACK", nullptr);
+    return Fail(error, failure ? failure : HostError("the transaction failed"));
+  }
+  return true;
+}
+
+bool SqliteObjectContext::deleteAttachment(const std::shared_ptr<HXFileAttachment>& attachment,
+                                           ErrorRef* error) {
+  std::lock_guard lock(mu_);
+  auto map_key =
+      std::make_pair(std::string(HXFileAttachment::kEntityName), attachment->primaryKeyValue());
+  bool ok = unsaved_inserts_.count(map_key) != 0 ||
+            performTransaction(
+                [&](SqliteDatabase& db, ErrorRef* e) {
+                  const auto key = static_cast<std::int64_t>(attachment->primaryKeyValue());
+                  for (const char* sql : {
+                           "DELETE FROM attachments WHERE _rowid = ?1",
+                           "DELETE FROM FileAttachmentEmailJoin WHERE fileAttachmentID = ?1",
+                           "DELETE FROM links WHERE (fromEntity = 'HXFileAttachment' AND "
+                           "fromID = ?1) OR (toEntity = 'HXFileAttachment' AND toID = ?1)",
+                       }) {
+                    auto statement = db.prepare(sql, e);
+                    if (!statement) return false;
+                    statement->bindInt(1, key);
+                    if (!statement->run(e)) return false;
+                  }
+                  return true;
+                },
+                error);
+  if (!ok) return false;
+  records_.erase(map_key);
+  unsaved_inserts_.erase(map_key);
+  return true;
+}
+
 std::vector<std::shared_ptr<HXFileAttachment>> SqliteObjectContext::allAttachments(
     ErrorRef* error) {
   BWPFetchRequest request({std::string(HXFileAttachment::kEntityName), nullptr, {}});
@@ -705,11 +754,14 @@ bool SqliteObjectContext::saveChanges(ErrorRef* error) {
     statement->bindInt(4, static_cast<std::int64_t>(to.second));
     statement->run(&failure);
   }
+  // Transfers of records inserted since the last save: their rows go in with the records.
+  if (!failure) transfer_manager_->writePendingRows(*db_, &failure);
   if (failure || !db_->exec("COMMIT", &failure)) {
     db_->exec("ROLLBACK", nullptr);
     // Nothing was written: the records keep their changes for the next save.
     return Fail(error, failure);
   }
+  transfer_manager_->didCommitPendingRows();
   for (HXRecord* record : written) record->clearChanges();
   unsaved_inserts_.clear();
   pending_task_lists_.clear();

@@ -4,6 +4,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -107,8 +108,20 @@ class SqliteObjectContext : public HXObjectContext, public HXInstanceCache {
   FetchResults objectsForEntityNamed(std::string_view entity_name,
                                      const BDQualifierRef& qualifier) override;
 
+  // Removes an attachment's row, its e-mail joins and links, in one transaction; the
+  // record object stays valid but is no longer the context's. An insert not yet saved is
+  // simply forgotten.
+  bool deleteAttachment(const std::shared_ptr<HXFileAttachment>& attachment, ErrorRef* error);
+
   // For the transfer manager: loads the attachment of a primary key.
   std::shared_ptr<HXFileAttachment> loadAttachment(std::uint64_t key);
+  // For the transfer manager: runs `body` under the context's lock with whether `record`
+  // is in the database (false for an insert that waits for saveChanges()).
+  bool withRecordSaveState(const HXRecord& record, const std::function<bool(bool saved)>& body);
+  // Runs `body` in a transaction of its own under the context's lock; rolls back when it
+  // fails.
+  bool performTransaction(const std::function<bool(SqliteDatabase&, ErrorRef*)>& body,
+                          ErrorRef* error);
 
  private:
   SqliteObjectContext(std::filesystem::path data_dir, std::unique_ptr<SqliteDatabase> db);

@@ -1,10 +1,15 @@
 #include "host/sqlite/SqliteTransferManager.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
+#include <cerrno>
 
 #include "host/HXFileAttachment.h"
+#include "host/HXFileAttachmentTransferDelegate.h"
 #include "host/HostConstants.h"
 #include "host/sqlite/SqliteObjectContext.h"
 #include "platform/UniqueID.h"
@@ -13,19 +18,123 @@ namespace vm {
 namespace {
 
 ErrorRef RefusedError(std::string_view description, ErrorRef underlying = nullptr) {
-  return Error::WithDescription(kVMFileAttachmentDomain, 2, description, std::move(underlying));
+  return Error::WithDescription(kVMFileAttachmentDomain, kTransferRefusedErrorCode, description,
+                                std::move(underlying));
 }
 
-bool IsInside(const std::filesystem::path& path, const std::filesystem::path& folder) {
+bool IsStrictlyInside(const std::filesystem::path& path, const std::filesystem::path& folder) {
   auto relative = path.lexically_normal().lexically_relative(folder.lexically_normal());
-  return !relative.empty() && *relative.begin() != "..";
+  return !relative.empty() && relative != "." && *relative.begin() != "..";
 }
+
+bool SyncPath(const std::filesystem::path& path, int flags, ErrorRef* error) {
+  int fd = ::open(path.c_str(), flags | O_CLOEXEC);
+  if (fd < 0) return Fail(error, PosixError(errno, path));
+  int result = ::fsync(fd);
+  int saved_errno = errno;
+  ::close(fd);
+  return result == 0 || Fail(error, PosixError(saved_errno, path));
+}
+
+// Moves the file `from` to `to`. Within one file system this is a rename. Across file
+// systems the file is copied to a temporary name beside `to`, flushed, renamed into place
+// and only then is the source removed: a crash leaves the source or a complete copy.
+bool MoveFile(const std::filesystem::path& from, const std::filesystem::path& to, ErrorRef* error) {
+  std::error_code ec;
+  std::filesystem::rename(from, to, ec);
+  if (!ec) return true;
+  if (ec != std::errc::cross_device_link) return Fail(error, PosixError(ec, from));
+  if (!std::filesystem::is_regular_file(from, ec)) return Fail(error, PosixError(EXDEV, from));
+  std::filesystem::path partial = to;
+  partial += ".partial";
+  bool ok = true;
+  std::filesystem::copy_file(from, partial, std::filesystem::copy_options::overwrite_existing, ec);
+  if (ec) ok = Fail(error, PosixError(ec, partial));
+  ok = ok && SyncPath(partial, O_RDONLY, error);
+  if (ok) {
+    std::filesystem::rename(partial, to, ec);
+    if (ec) ok = Fail(error, PosixError(ec, to));
+  }
+  ok = ok && SyncPath(to.parent_path(), O_RDONLY | O_DIRECTORY, error);
+  if (!ok) {
+    std::filesystem::remove(partial, ec);
+    return false;
+  }
+  // The copy is durable; a source that cannot be removed only costs space.
+  std::filesystem::remove(from, ec);
+  return true;
+}
+
+// Stands in as the delegate of one resumed transfer: passes every message on to the
+// observer and reports the first outcome once.
+class OutcomeDelegate : public HXFileAttachmentTransferDelegate,
+                        public HXFileAttachmentErrorReceiver {
+ public:
+  OutcomeDelegate(std::shared_ptr<VMAttachmentTransferObject> transfer,
+                  SqliteTransferManager::OutcomeHandler on_outcome,
+                  std::shared_ptr<HXFileAttachmentTransferDelegate> observer,
+                  std::shared_ptr<HXFileAttachmentTransferDelegate> attachment_delegate)
+      : transfer_(std::move(transfer)),
+        on_outcome_(std::move(on_outcome)),
+        observer_(std::move(observer)),
+        attachment_delegate_(std::move(attachment_delegate)) {}
+
+  void willReceiveAttachment(HXFileAttachmentSchemeHandler* handler,
+                             const std::shared_ptr<HXFileAttachment>& attachment,
+                             const std::shared_ptr<Progress>& progress) override {
+    if (observer_) observer_->willReceiveAttachment(handler, attachment, progress);
+  }
+  void willSendAttachment(HXFileAttachmentSchemeHandler* handler,
+                          const std::shared_ptr<HXFileAttachment>& attachment) override {
+    if (observer_) observer_->willSendAttachment(handler, attachment);
+  }
+  void transferProgressUpdate(double fraction, std::int64_t transfered,
+                              std::int64_t total) override {
+    if (observer_) observer_->transferProgressUpdate(fraction, transfered, total);
+  }
+  void finishedTransferForAttachment(HXFileAttachmentSchemeHandler* handler,
+                                     const std::shared_ptr<HXFileAttachment>& attachment) override {
+    if (observer_) observer_->finishedTransferForAttachment(handler, attachment);
+    report(nullptr);
+  }
+  void gotCriticalError(HXFileAttachmentSchemeHandler* handler, const ErrorRef& error) override {
+    if (observer_) observer_->gotCriticalError(handler, error);
+    report(error);
+  }
+  void gotError(HXFileAttachmentSchemeHandler* handler, const ErrorRef& error) override {
+    SendGotError(observer_.get(), handler, error);
+    report(error);
+  }
+
+  // Reports `error` (null: finished) unless an outcome was reported already.
+  void report(const ErrorRef& error) {
+    if (reported_.exchange(true)) return;
+    const std::shared_ptr<HXFileAttachment>& attachment = transfer_->attachment();
+    if (attachment && attachment->delegate().get() == this) {
+      attachment->setDelegate(attachment_delegate_);
+    }
+    transfer_->setDelegate(attachment_delegate_);
+    on_outcome_(transfer_, error ? error : nullptr);
+  }
+
+ private:
+  const std::shared_ptr<VMAttachmentTransferObject> transfer_;
+  const SqliteTransferManager::OutcomeHandler on_outcome_;
+  const std::shared_ptr<HXFileAttachmentTransferDelegate> observer_;
+  const std::shared_ptr<HXFileAttachmentTransferDelegate> attachment_delegate_;
+  std::atomic<bool> reported_{false};
+};
 
 }  // namespace
 
 SqliteTransferManager::SqliteTransferManager(SqliteObjectContext* context,
                                              std::filesystem::path basepath)
     : context_(context), basepath_(std::move(basepath)) {}
+
+std::filesystem::path SqliteTransferManager::downloadFolder() {
+  std::error_code ignored;
+  return std::filesystem::temp_directory_path(ignored) / "HXAttachmentCache";
+}
 
 bool SqliteTransferManager::load(ErrorRef* error) {
   auto statement = context_->database().prepare(
@@ -44,19 +153,22 @@ bool SqliteTransferManager::load(ErrorRef* error) {
                     static_cast<std::uint64_t>(statement->columnInt(2)), statement->columnText(3)});
   }
   if (failure) return Fail(error, failure);
-  std::lock_guard lock(mu_);
+  std::vector<std::shared_ptr<VMAttachmentTransferObject>> loaded;
   for (const Row& row : rows) {
     std::shared_ptr<HXFileAttachment> attachment = context_->loadAttachment(row.key);
     auto transfer = std::make_shared<VMAttachmentTransferObject>(
         attachment, attachment ? attachment->delegate() : nullptr, row.type, row.id);
     transfer->setAttachmentPath(row.path);
-    transfers_.push_back(std::move(transfer));
+    loaded.push_back(std::move(transfer));
   }
+  std::lock_guard lock(mu_);
+  transfers_.insert(transfers_.end(), loaded.begin(), loaded.end());
   return true;
 }
 
-bool SqliteTransferManager::persist(const VMAttachmentTransferObject& transfer, ErrorRef* error) {
-  auto statement = context_->database().prepare(
+bool SqliteTransferManager::writeRow(SqliteDatabase& database,
+                                     const VMAttachmentTransferObject& transfer, ErrorRef* error) {
+  auto statement = database.prepare(
       "INSERT INTO transfers (attachmentID, attachmentPK, operationType, path) VALUES (?,?,?,?)",
       error);
   if (!statement) return false;
@@ -67,6 +179,21 @@ bool SqliteTransferManager::persist(const VMAttachmentTransferObject& transfer, 
   statement->bindInt(3, static_cast<std::int64_t>(transfer.operationType()));
   statement->bindText(4, transfer.attachmentPath().string());
   return statement->run(error);
+}
+
+bool SqliteTransferManager::persistAndAdd(
+    const std::shared_ptr<VMAttachmentTransferObject>& transfer, ErrorRef* error) {
+  return context_->withRecordSaveState(*transfer->attachment(), [&](bool saved) {
+    if (saved &&
+        !context_->performTransaction(
+            [&](SqliteDatabase& db, ErrorRef* e) { return writeRow(db, *transfer, e); }, error)) {
+      return false;
+    }
+    std::lock_guard lock(mu_);
+    transfers_.push_back(transfer);
+    if (!saved) pending_rows_.push_back(transfer);
+    return true;
+  });
 }
 
 std::shared_ptr<VMAttachmentTransferObject> SqliteTransferManager::registerTransferPath(
@@ -82,25 +209,37 @@ std::shared_ptr<VMAttachmentTransferObject> SqliteTransferManager::registerTrans
     return nullptr;
   }
   std::filesystem::path path = *transfer_path;
+  std::filesystem::path folder;
   if (can_move_file) {
-    std::filesystem::path folder = basepath_ / ToLower(MakeUniqueID());
+    folder = basepath_ / ToLower(MakeUniqueID());
     std::error_code ec;
+    ErrorRef move_error;
     std::filesystem::create_directories(folder, ec);
-    if (!ec) std::filesystem::rename(path, folder / path.filename(), ec);
     if (ec) {
-      Fail(error,
-           RefusedError("Could not move the file into the transfer folder.", PosixError(ec, path)));
+      move_error = PosixError(ec, folder);
+    } else {
+      MoveFile(path, folder / path.filename(), &move_error);
+    }
+    if (move_error) {
+      std::filesystem::remove_all(folder, ec);
+      Fail(error, RefusedError("Could not move the file into the transfer folder.", move_error));
       return nullptr;
     }
     path = folder / path.filename();
-    *transfer_path = path.string();
   }
   auto transfer = std::make_shared<VMAttachmentTransferObject>(
       attachment, delegate ? *delegate : nullptr, operation_type, *attachment->attachmentUUID());
   transfer->setAttachmentPath(path);
-  if (!persist(*transfer, error)) return nullptr;
-  std::lock_guard lock(mu_);
-  transfers_.push_back(transfer);
+  if (!persistAndAdd(transfer, error)) {
+    if (!folder.empty()) {
+      // Put the file back where the caller expects it, so that a refused registration
+      // loses nothing.
+      std::error_code ignored;
+      if (MoveFile(path, *transfer_path, nullptr)) std::filesystem::remove_all(folder, ignored);
+    }
+    return nullptr;
+  }
+  *transfer_path = path.string();
   return transfer;
 }
 
@@ -111,33 +250,39 @@ bool SqliteTransferManager::registerDeleteForAttachment(
   }
   auto transfer = std::make_shared<VMAttachmentTransferObject>(
       attachment, attachment->delegate(), kTransferOperationDelete, *attachment->attachmentUUID());
-  if (!persist(*transfer, error)) return false;
-  std::lock_guard lock(mu_);
-  transfers_.push_back(std::move(transfer));
-  return true;
+  return persistAndAdd(transfer, error);
 }
 
 void SqliteTransferManager::removeTransferForAttachmentIdentifier(
     const std::string& attachment_id) {
-  auto statement =
-      context_->database().prepare("DELETE FROM transfers WHERE attachmentID = ?", nullptr);
-  if (statement) {
-    statement->bindText(1, attachment_id);
-    statement->run(nullptr);
-  }
-  std::lock_guard lock(mu_);
-  auto removed = std::stable_partition(transfers_.begin(), transfers_.end(), [&](const auto& t) {
-    return t->attachmentID() != attachment_id;
-  });
-  for (auto it = removed; it != transfers_.end(); ++it) {
-    std::filesystem::path folder = (*it)->attachmentPath().parent_path();
-    // Only folders this manager made are removed; a download's file elsewhere stays.
-    if (IsInside(folder, basepath_)) {
+  std::vector<std::shared_ptr<VMAttachmentTransferObject>> removed;
+  context_->performTransaction(
+      [&](SqliteDatabase& db, ErrorRef* error) {
+        auto statement = db.prepare("DELETE FROM transfers WHERE attachmentID = ?", error);
+        if (!statement) return false;
+        statement->bindText(1, attachment_id);
+        if (!statement->run(error)) return false;
+        std::lock_guard lock(mu_);
+        auto matches = [&](const auto& t) { return t->attachmentID() == attachment_id; };
+        auto first = std::stable_partition(transfers_.begin(), transfers_.end(),
+                                           [&](const auto& t) { return !matches(t); });
+        removed.assign(first, transfers_.end());
+        transfers_.erase(first, transfers_.end());
+        std::erase_if(pending_rows_, matches);
+        pending_written_ = 0;
+        return true;
+      },
+      nullptr);
+  for (const auto& transfer : removed) {
+    std::filesystem::path folder = transfer->attachmentPath().lexically_normal().parent_path();
+    // Only a folder this manager made is removed: a direct subfolder of basepath. A row
+    // naming basepath itself, a path outside it, or a download's file elsewhere stays.
+    if (IsStrictlyInside(folder, basepath_) &&
+        folder.parent_path() == basepath_.lexically_normal()) {
       std::error_code ignored;
       std::filesystem::remove_all(folder, ignored);
     }
   }
-  transfers_.erase(removed, transfers_.end());
 }
 
 std::vector<std::shared_ptr<VMAttachmentTransferObject>>
@@ -152,14 +297,70 @@ SqliteTransferManager::transfersForOperationType(std::uint64_t operation_type) {
 
 void SqliteTransferManager::addTransferObjectLocked(
     std::shared_ptr<VMAttachmentTransferObject> transfer) {
-  // The caller holds mu_. Persisting keeps the re-queued transfer across a restart.
-  persist(*transfer, nullptr);
+  if (transfer->attachment()) pending_rows_.push_back(transfer);
   transfers_.push_back(std::move(transfer));
 }
 
 std::vector<std::shared_ptr<VMAttachmentTransferObject>> SqliteTransferManager::transferObjects() {
   std::lock_guard lock(mu_);
   return transfers_;
+}
+
+bool SqliteTransferManager::writePendingRows(SqliteDatabase& database, ErrorRef* error) {
+  std::lock_guard lock(mu_);
+  pending_written_ = 0;
+  for (const auto& transfer : pending_rows_) {
+    if (!writeRow(database, *transfer, error)) return false;
+    ++pending_written_;
+  }
+  return true;
+}
+
+void SqliteTransferManager::didCommitPendingRows() {
+  std::lock_guard lock(mu_);
+  pending_rows_.erase(pending_rows_.begin(),
+                      pending_rows_.begin() + static_cast<std::ptrdiff_t>(std::min(
+                                                  pending_written_, pending_rows_.size())));
+  pending_written_ = 0;
+}
+
+bool SqliteTransferManager::hasOwnFile(const VMAttachmentTransferObject& transfer) const {
+  switch (transfer.operationType()) {
+    case kTransferOperationUpload:
+      return IsStrictlyInside(transfer.attachmentPath(), basepath_);
+    case kTransferOperationDownload:
+      return IsStrictlyInside(transfer.attachmentPath(), downloadFolder());
+    default:
+      return true;  // a deletion has no file
+  }
+}
+
+void SqliteTransferManager::resumeTransfers(
+    const std::vector<std::shared_ptr<VMAttachmentTransferObject>>& transfers,
+    OutcomeHandler on_outcome, std::shared_ptr<HXFileAttachmentTransferDelegate> observer) {
+  for (const auto& transfer : transfers) {
+    // A row from the database could name any file; a resumed upload would send it away
+    // and a resumed download would write there.
+    if (!hasOwnFile(*transfer)) {
+      on_outcome(transfer, PosixError(EINVAL, transfer->attachmentPath()));
+      continue;
+    }
+    ErrorRef error;
+    if (!transferHandlerForTransfer(*transfer, &error)) {
+      on_outcome(transfer, error);
+      continue;
+    }
+    const std::shared_ptr<HXFileAttachment>& attachment = transfer->attachment();
+    auto delegate =
+        std::make_shared<OutcomeDelegate>(transfer, on_outcome, observer, attachment->delegate());
+    transfer->setDelegate(delegate);
+    attachment->setDelegate(delegate);
+    if (!resumeTransfer(transfer, &error)) {
+      delegate->report(error ? error
+                             : RefusedError(fmt::format("The scheme would not resume transfer {}.",
+                                                        transfer->attachmentID())));
+    }
+  }
 }
 
 }  // namespace vm

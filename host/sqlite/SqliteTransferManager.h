@@ -2,6 +2,7 @@
 #define VM_HOST_SQLITE_SQLITETRANSFERMANAGER_H_
 
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -10,14 +11,22 @@
 
 namespace vm {
 
+class SqliteDatabase;
 class SqliteObjectContext;
 
 // The reference host's transfer manager. Every registration is a row of the "transfers"
 // table, so that pending transfers survive a restart; a transfer whose file the manager
 // may move gets a folder of its own under basepath(), named by a fresh UUID, and the file
-// is moved into it under its own name.
+// is moved into it under its own name (copied, flushed and renamed into place when it
+// comes from another file system).
 //
-// Thread-safe. `context` owns the manager and outlives it.
+// Invariant: a transfer row never names a record that is not in the database. A transfer
+// of a record that has not been saved yet is kept in memory and its row is written by the
+// context's next saveChanges(), in the same transaction as the record; every other row is
+// written at once in a transaction of its own. Rows are written under the context's lock.
+//
+// Thread-safe. Lock order: the context's lock before this manager's. `context` owns the
+// manager and outlives it.
 class SqliteTransferManager : public VMAttachmentTransferManager {
  public:
   SqliteTransferManager(SqliteObjectContext* context, std::filesystem::path basepath);
@@ -31,22 +40,61 @@ class SqliteTransferManager : public VMAttachmentTransferManager {
       bool can_move_file, ErrorRef* error) override;
   bool registerDeleteForAttachment(const std::shared_ptr<HXFileAttachment>& attachment,
                                    ErrorRef* error) override;
-  // Forgets every transfer of the identifier and removes the folders the manager made.
+  // Forgets every transfer of the identifier and removes the folders the manager made for
+  // them. Never removes basepath() itself nor anything outside it.
   void removeTransferForAttachmentIdentifier(const std::string& attachment_id) override;
   std::vector<std::shared_ptr<VMAttachmentTransferObject>> transfersForOperationType(
       std::uint64_t operation_type) override;
   std::filesystem::path basepath() const override { return basepath_; }
   std::mutex& transferObjectsMutex() override { return mu_; }
+  // The row is written by the context's next saveChanges() (the caller holds mu_, and the
+  // context's lock may not be taken after it).
   void addTransferObjectLocked(std::shared_ptr<VMAttachmentTransferObject> transfer) override;
   std::vector<std::shared_ptr<VMAttachmentTransferObject>> transferObjects() override;
 
+  // What one resumed transfer came to: a null error when it finished.
+  using OutcomeHandler = std::function<void(
+      const std::shared_ptr<VMAttachmentTransferObject>& transfer, const ErrorRef& error)>;
+
+  // Hands each transfer to the handler of its attachment's scheme (resumeTransfer) and
+  // reports its outcome exactly once through `on_outcome`: from the thread on which the
+  // handler reports (the main queue for the cloud scheme), or within this call when the
+  // transfer cannot be handed over (no handler, a handler that says no, or a transfer file
+  // outside the folders this host uses for transfers). `observer`, when not null, also
+  // receives every delegate message of these transfers. The transfers and the attachments
+  // report to a delegate of the manager's until their outcome; the attachment's own
+  // delegate is put back then.
+  void resumeTransfers(const std::vector<std::shared_ptr<VMAttachmentTransferObject>>& transfers,
+                       OutcomeHandler on_outcome,
+                       std::shared_ptr<HXFileAttachmentTransferDelegate> observer = nullptr);
+
+  // For the context's saveChanges(), which holds its lock and an open transaction: writes
+  // the rows kept back for records being saved now. didCommitPendingRows() is called once
+  // that transaction has committed.
+  bool writePendingRows(SqliteDatabase& database, ErrorRef* error);
+  void didCommitPendingRows();
+
+  // The folder under which downloads are registered (the system temporary folder's
+  // "HXAttachmentCache").
+  static std::filesystem::path downloadFolder();
+
  private:
-  bool persist(const VMAttachmentTransferObject& transfer, ErrorRef* error);
+  bool writeRow(SqliteDatabase& database, const VMAttachmentTransferObject& transfer,
+                ErrorRef* error);
+  // Writes the row at once, or keeps it for the next saveChanges() when the record is not
+  // saved yet; then adds the transfer to the collection.
+  bool persistAndAdd(const std::shared_ptr<VMAttachmentTransferObject>& transfer, ErrorRef* error);
+  // Whether `transfer`'s file lies where this host puts the files of its kind.
+  bool hasOwnFile(const VMAttachmentTransferObject& transfer) const;
 
   SqliteObjectContext* const context_;
   const std::filesystem::path basepath_;
   std::mutex mu_;
   std::vector<std::shared_ptr<VMAttachmentTransferObject>> transfers_;
+  // Transfers whose row waits for their record's first save; a subset of transfers_.
+  std::vector<std::shared_ptr<VMAttachmentTransferObject>> pending_rows_;
+  // The pending rows written by a saveChanges() whose transaction has not committed yet.
+  std::size_t pending_written_ = 0;
 };
 
 }  // namespace vm
