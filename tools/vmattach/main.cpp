@@ -7,6 +7,7 @@
 #include "tools/vmattach/CloudCommand.h"
 #include "tools/vmattach/Command.h"
 #include "tools/vmattach/CoreCommands.h"
+#include "tools/vmattach/RecoveryCommands.h"
 
 int main(int argc, char** argv) {
   using namespace vm::vmattach;
@@ -22,6 +23,7 @@ int main(int argc, char** argv) {
   AddCoreCommands(app, options, &exit_code);
   AddCloudCommands(app, options, &exit_code);
   AddArchiveCommands(app, options, &exit_code);
+  AddRecoveryCommands(app, options, &exit_code);
   CLI11_PARSE(app, argc, argv);
   return exit_code;
 }
