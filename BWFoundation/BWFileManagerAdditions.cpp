@@ -184,4 +184,47 @@ std::optional<fs::path> bwLocalPathForSharepointFile(const fs::path& file) {
   return file;
 }
 
+bool bwMoveItemAtURL(const std::filesystem::path& from, const std::filesystem::path& to,
+                     ErrorRef* error) {
+  if (::link(from.c_str(), to.c_str()) == 0) {
+    ::unlink(from.c_str());
+    return true;
+  }
+  int link_errno = errno;
+  if (link_errno != EXDEV && link_errno != EPERM && link_errno != ENOTSUP && link_errno != EMLINK) {
+    return Fail(error, PosixError(link_errno, to));
+  }
+  int in = ::open(from.c_str(), O_RDONLY | O_CLOEXEC);
+  if (in < 0) return Fail(error, PosixError(errno, from));
+  int out = ::open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+  if (out < 0) {
+    int saved = errno;
+    ::close(in);
+    return Fail(error, PosixError(saved, to));
+  }
+  int copy_errno = 0;
+  for (;;) {
+    ssize_t copied = ::copy_file_range(in, nullptr, out, nullptr, 1 << 30, 0);
+    if (copied == 0) break;
+    if (copied < 0) {
+      if (errno == EINTR) continue;
+      copy_errno = errno;
+      break;
+    }
+  }
+  ::close(in);
+  if (::close(out) != 0 && copy_errno == 0) copy_errno = errno;
+  if (copy_errno != 0) {
+    ::unlink(to.c_str());
+    return Fail(error, PosixError(copy_errno, to));
+  }
+  ::unlink(from.c_str());
+  return true;
+}
+
+bool bwIsBundleAtURL(const std::filesystem::path& url) {
+  std::error_code ignored;
+  return std::filesystem::is_directory(url, ignored);
+}
+
 }  // namespace vm

@@ -67,6 +67,16 @@ bool bwPerformAsyncCopyFromURL(const std::filesystem::path& from, const std::fil
 std::optional<std::filesystem::path> bwLocalPathForSharepointFile(
     const std::filesystem::path& file);
 
+// Moves the file `from` to `to` without ever replacing what is there: fails with EEXIST
+// when `to` exists. Across file systems the bytes are copied into a file created
+// exclusively (mode 0600) and `from` is removed once the copy is complete.
+bool bwMoveItemAtURL(const std::filesystem::path& from, const std::filesystem::path& to,
+                     ErrorRef* error);
+
+// Whether `url` is a directory or a bundle (itself a directory here), following a symbolic
+// link. Thread-safe.
+bool bwIsBundleAtURL(const std::filesystem::path& url);
+
 }  // namespace vm
 
 #endif  // VM_BWFOUNDATION_BWFILEMANAGERADDITIONS_H_

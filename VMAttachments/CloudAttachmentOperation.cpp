@@ -6,6 +6,7 @@
 
 #include <cerrno>
 
+#include "BWFoundation/BWFileManagerAdditions.h"
 #include "BWFoundation/HTTPSuccess.h"
 #include "VMAttachments/cloud/AttachmentAPILoader.h"
 #include "VMAttachments/cloud/AttachmentAPIRequest.h"
@@ -46,46 +47,6 @@ std::string OptionalDescription(const ErrorRef& error) {
 }
 
 ErrorRef UnusableReply() { return CloudAttachmentError(CloudAttachmentErrorCode::kUnusableReply); }
-
-// Moves a finished download into place without ever replacing what is there: a hard link
-// fails when the destination exists. Across file systems the bytes are copied into a file
-// that is created exclusively.
-bool MoveItem(const std::filesystem::path& from, const std::filesystem::path& to, ErrorRef* error) {
-  if (::link(from.c_str(), to.c_str()) == 0) {
-    ::unlink(from.c_str());
-    return true;
-  }
-  int link_errno = errno;
-  if (link_errno != EXDEV && link_errno != EPERM && link_errno != ENOTSUP && link_errno != EMLINK) {
-    return Fail(error, PosixError(link_errno, to));
-  }
-  int in = ::open(from.c_str(), O_RDONLY | O_CLOEXEC);
-  if (in < 0) return Fail(error, PosixError(errno, from));
-  int out = ::open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-  if (out < 0) {
-    int saved = errno;
-    ::close(in);
-    return Fail(error, PosixError(saved, to));
-  }
-  int copy_errno = 0;
-  for (;;) {
-    ssize_t copied = ::copy_file_range(in, nullptr, out, nullptr, 1 << 30, 0);
-    if (copied == 0) break;
-    if (copied < 0) {
-      if (errno == EINTR) continue;
-      copy_errno = errno;
-      break;
-    }
-  }
-  ::close(in);
-  if (::close(out) != 0 && copy_errno == 0) copy_errno = errno;
-  if (copy_errno != 0) {
-    ::unlink(to.c_str());
-    return Fail(error, PosixError(copy_errno, to));
-  }
-  ::unlink(from.c_str());
-  return true;
-}
 
 }  // namespace
 
@@ -464,7 +425,7 @@ void DownloadCloudAttachmentOperation::completeDownload(
     return;
   }
   ErrorRef move_error;
-  if (!MoveItem(*location, download_location_, &move_error)) {
+  if (!bwMoveItemAtURL(*location, download_location_, &move_error)) {
     failWithError(std::move(move_error));
     return;
   }

@@ -1,5 +1,6 @@
 #include "VMAttachments/schemes/VMAttachmentSchemes.h"
 
+#include "VMAttachments/cloud/VMCAttachment.h"
 #include "VMAttachments/schemes/ShareSchemes.h"
 #include "VMAttachments/schemes/VMFileReferenceAttachment.h"
 
@@ -22,6 +23,7 @@ void RegisterVMAttachmentsSchemeClasses() {
   registry.registerClass(ClassInfoFor<VMFileReferenceAttachment>());
   registry.registerClass(ClassInfoFor<VMLocalFileReferenceScheme>());
   RegisterShareSchemeClasses();
+  RegisterCloudSchemeClasses();
 }
 
 }  // namespace vm

@@ -3,8 +3,8 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <cstdio>
+#include <cstdlib>
 #include <mutex>
 
 namespace vm::vmattach {

@@ -2,7 +2,6 @@
 #define VM_TOOLS_VMATTACH_COMMAND_H_
 
 #include <CLI/CLI.hpp>
-
 #include <filesystem>
 #include <functional>
 #include <memory>

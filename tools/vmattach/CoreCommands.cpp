@@ -15,6 +15,7 @@
 #include "host/HostConstants.h"
 #include "platform/UniqueID.h"
 #include "tools/vmattach/Host.h"
+#include "tools/vmattach/TransferCommands.h"
 
 namespace vm::vmattach {
 namespace {
@@ -181,6 +182,9 @@ int RunStore(const GlobalOptions& options, const AttachmentOptions& store) {
       relative = cache->relativeFilePathForObject(*attachment);
     }
   }
+  if (QueuesTransfers(*handler)) {
+    return StoreThroughTransfer(*context, attachment, *handler, source, relative, options);
+  }
   if (!handler->storeFile(source, relative, attachment, delegate, &error)) {
     return ReportFailure(error ? error : delegate->error());
   }
@@ -242,6 +246,10 @@ int RunRetrieve(const GlobalOptions& options, const AttachmentOptions& retrieve)
   std::filesystem::create_directories(destination, ec);
   if (ec) return ReportFailure(PosixError(ec, destination));
 
+  if (QueuesTransfers(*loaded.handler)) {
+    return RetrieveThroughCache(*loaded.context, loaded.attachment, *loaded.handler, destination,
+                                options);
+  }
   auto delegate = std::make_shared<CommandDelegate>("retrieve");
   loaded.attachment->setDelegate(delegate);
   ErrorRef error;

@@ -2,9 +2,12 @@
 
 #include <fmt/chrono.h>
 
+#include "BWFoundation/ServerEnvironment.h"
 #include "VMAttachments/schemes/VMAttachmentSchemes.h"
 #include "host/HXFileAttachmentScheme.h"
+#include "host/HostConstants.h"
 #include "platform/DispatchQueue.h"
+#include "platform/Progress.h"
 
 namespace vm::vmattach {
 namespace {
@@ -27,12 +30,29 @@ std::string FormatDate(const std::optional<Date>& date) {
                      std::chrono::time_point_cast<std::chrono::seconds>(*date));
 }
 
+// A keyed value for JSON: bytes (the hashes) as lower-case hex, numbers as numbers.
+nlohmann::json KeyedValueToJSON(const std::optional<KeyedValue>& value) {
+  if (!value) return nullptr;
+  if (const auto* number = std::get_if<std::int64_t>(&*value)) return *number;
+  if (const auto* text = std::get_if<std::string>(&*value)) return *text;
+  std::string hex;
+  for (std::uint8_t byte : std::get<Bytes>(*value)) hex += fmt::format("{:02x}", byte);
+  return hex;
+}
+
 }  // namespace
 
 std::unique_ptr<SqliteObjectContext> OpenHost(const GlobalOptions& options, ErrorRef* error) {
   RegisterVMAttachmentsSchemeClasses();
   auto context = SqliteObjectContext::open(DataDirectory(options), error);
-  if (context) context->installAsProcessHost();
+  if (!context) return nullptr;
+  context->installAsProcessHost();
+  // The cloud scheme reaches the service the data folder names (scheme add --api).
+  if (auto api = context->setting("velmoraAPI")) {
+    if (auto url = URL::URLWithString(*api); url && url->isHTTP()) {
+      ServerEnvironment::setCurrent(ServerEnvironment(*url));
+    }
+  }
   return context;
 }
 
@@ -49,6 +69,19 @@ std::string TypeForHandlerClass(const std::string& class_name) {
   }
   if (class_name == "VMLocalFileReferenceScheme") return "reference";
   return class_name;
+}
+
+void CommandDelegate::willReceiveAttachment(HXFileAttachmentSchemeHandler*,
+                                            const std::shared_ptr<HXFileAttachment>&,
+                                            const std::shared_ptr<Progress>& progress) {
+  std::lock_guard lock(mu_);
+  progress_ = progress;
+  started_.store(true);
+}
+
+void CommandDelegate::willSendAttachment(HXFileAttachmentSchemeHandler*,
+                                         const std::shared_ptr<HXFileAttachment>&) {
+  started_.store(true);
 }
 
 void CommandDelegate::transferProgressUpdate(double, std::int64_t transfered, std::int64_t total) {
@@ -79,8 +112,22 @@ ErrorRef CommandDelegate::error() const {
 }
 
 bool CommandDelegate::waitForOutcome(std::chrono::seconds timeout) {
-  return MainQueue::shared().runUntilCondition([this] { return done(); },
-                                               std::chrono::steady_clock::now() + timeout);
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  // In slices, so that a progress object handed over by the scheme is drawn as it moves.
+  while (!done() && std::chrono::steady_clock::now() < deadline) {
+    MainQueue::shared().runUntilCondition(
+        [this] { return done(); },
+        std::min(deadline, std::chrono::steady_clock::now() + std::chrono::milliseconds(100)));
+    std::shared_ptr<Progress> progress;
+    {
+      std::lock_guard lock(mu_);
+      progress = progress_;
+    }
+    if (progress && progress->totalUnitCount() > 0 && !done()) {
+      bar_.update(progress->completedUnitCount(), progress->totalUnitCount());
+    }
+  }
+  return done();
 }
 
 nlohmann::json AttachmentToJSON(const HXFileAttachment& attachment) {
@@ -97,6 +144,12 @@ nlohmann::json AttachmentToJSON(const HXFileAttachment& attachment) {
   out["scheme"] = scheme ? nlohmann::json(scheme->name()) : nlohmann::json(nullptr);
   out["modified"] = FormatDate(attachment.attachmentModifyDate());
   out["created"] = FormatDate(attachment.attachmentCreateDate());
+  out["storageType"] =
+      KeyedValueToJSON(attachment.objectForKeyedSubscript(kHXFileAttachmentStorageTypeKey));
+  out["sourceHash"] =
+      KeyedValueToJSON(attachment.objectForKeyedSubscript(kHXFileAttachmentSourceHash));
+  out["cryptedHash"] =
+      KeyedValueToJSON(attachment.objectForKeyedSubscript(kHXFileAttachmentCryptedHash));
   return out;
 }
 

@@ -30,11 +30,13 @@ class CommandDelegate : public HXFileAttachmentTransferDelegate,
  public:
   explicit CommandDelegate(std::string label) : bar_(std::move(label)) {}
 
+  // Both mark the transfer as started; a retrieval's progress object is drawn while the
+  // tool waits.
   void willReceiveAttachment(HXFileAttachmentSchemeHandler*,
                              const std::shared_ptr<HXFileAttachment>&,
-                             const std::shared_ptr<Progress>&) override {}
+                             const std::shared_ptr<Progress>& progress) override;
   void willSendAttachment(HXFileAttachmentSchemeHandler*,
-                          const std::shared_ptr<HXFileAttachment>&) override {}
+                          const std::shared_ptr<HXFileAttachment>&) override;
   void transferProgressUpdate(double fraction, std::int64_t transfered,
                               std::int64_t total) override;
   void finishedTransferForAttachment(HXFileAttachmentSchemeHandler*,
@@ -42,6 +44,7 @@ class CommandDelegate : public HXFileAttachmentTransferDelegate,
   void gotCriticalError(HXFileAttachmentSchemeHandler*, const ErrorRef& error) override;
   void gotError(HXFileAttachmentSchemeHandler*, const ErrorRef& error) override;
 
+  bool started() const { return started_.load(); }
   bool done() const { return finished_.load() || failed_.load(); }
   bool finished() const { return finished_.load(); }
   ErrorRef error() const;
@@ -51,10 +54,12 @@ class CommandDelegate : public HXFileAttachmentTransferDelegate,
 
  private:
   ProgressBar bar_;
+  std::atomic<bool> started_{false};
   std::atomic<bool> finished_{false};
   std::atomic<bool> failed_{false};
   mutable std::mutex mu_;
   ErrorRef error_;
+  std::shared_ptr<Progress> progress_;
 };
 
 // The machine-readable form of an attachment row.

@@ -1,0 +1,506 @@
+// Storing, retrieving, deletion and transfer control of the cloud scheme. The contract's
+// calls prepare and register work and queue cloud operations; every completion moves to
+// the main operation queue before it touches a record, the cache, the context or a
+// delegate.
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <system_error>
+#include <utility>
+
+#include "BWFoundation/BWFileManagerAdditions.h"
+#include "VMAttachments/CloudAttachmentOperation.h"
+#include "VMAttachments/archive/VMArchiver.h"
+#include "VMAttachments/cloud/VMCAttachment.h"
+#include "VMAttachments/schemes/VMAttachmentSchemesBundle.h"
+#include "host/HXAttachmentCache.h"
+#include "host/HXFileAttachmentScheme.h"
+#include "host/HXFileAttachmentTransferDelegate.h"
+#include "host/HXObjectContext.h"
+#include "host/HostConstants.h"
+#include "host/VMAttachmentTransferManager.h"
+#include "platform/DispatchQueue.h"
+#include "platform/Log.h"
+#include "platform/Operation.h"
+#include "platform/UniqueID.h"
+
+namespace vm {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::int64_t kNotUploadedCode = 202;
+constexpr std::int64_t kDownloadCode = 300;
+constexpr std::int64_t kStoreCode = 301;
+constexpr std::int64_t kCacheFolderCode = 401;
+constexpr std::int64_t kDeletionCode = 950;
+
+constexpr char kCryptFileName[] = "crypt";
+constexpr char kDownloadFileName[] = "vmattachmentdownload";
+constexpr char kDownloadFolderName[] = "HXAttachmentCache";
+
+ErrorRef SchemeError(std::int64_t code, std::string_view description,
+                     ErrorRef underlying = nullptr) {
+  return Error::WithDescription(kVMFileAttachmentDomain, code, description, std::move(underlying));
+}
+
+std::string DescribeError(const ErrorRef& error) { return error ? error->summary() : "(null)"; }
+
+// How log lines show an operation: its class and address.
+std::string DescribeOperation(std::string_view class_name, const void* operation) {
+  return fmt::format("<{}: {}>", class_name, operation);
+}
+
+// A UUID taken from a record becomes a folder name: anything that could climb out of the
+// folder it is put in ("..", a separator) is refused.
+bool IsSingleComponent(const std::optional<std::string>& name) {
+  return name && !name->empty() && *name != "." && *name != ".." &&
+         name->find('/') == std::string::npos && name->find('\0') == std::string::npos;
+}
+
+// Makes `folder` and its missing parents, readable by the owner only: work files hold
+// the user's bytes, some of them still plain.
+bool MakePrivateFolders(const fs::path& folder, ErrorRef* error) {
+  fs::path made;
+  for (const fs::path& component : folder) {
+    made /= component;
+    if (::mkdir(made.c_str(), 0700) == 0) continue;
+    const int failure = errno;
+    if (failure == EEXIST && fs::is_directory(made)) continue;
+    return Fail(error, PosixError(failure == EEXIST ? ENOTDIR : failure, made));
+  }
+  return true;
+}
+
+// An empty file at `path`, truncated when it exists.
+bool MakeEmptyFile(const fs::path& path) {
+  int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  if (fd < 0) return false;
+  ::close(fd);
+  return true;
+}
+
+void RunOnMainOperationQueue(std::function<void()> block) {
+  OperationQueue::mainQueue().addOperationWithBlock(std::move(block));
+}
+
+VMAttachmentTransferManager* TransferManagerOf(const HXFileAttachment& attachment) {
+  HXObjectContext* context = attachment.vmpObjectContext();
+  return context ? context->attachmentTransferManager() : nullptr;
+}
+
+}  // namespace
+
+// --- Storing ---
+
+bool VMCAttachment::storeFile(const fs::path& file, const std::string& /*at_path*/,
+                              const std::shared_ptr<HXFileAttachment>& attachment,
+                              const std::shared_ptr<HXFileAttachmentTransferDelegate>& delegate,
+                              ErrorRef* error) {
+  // Every failure goes to the out-pointer and, critically, to the delegate: the one given,
+  // or the one the transfer manager put in its place once it has been asked.
+  std::shared_ptr<HXFileAttachmentTransferDelegate> told = delegate;
+  auto fail = [&](std::string_view description, ErrorRef underlying) {
+    ErrorRef failure = SchemeError(kStoreCode, description, std::move(underlying));
+    Fail(error, failure);
+    if (told) told->gotCriticalError(this, failure);
+    return false;
+  };
+
+  // The work folder is named after the record's identity, which must stay one folder name.
+  ErrorRef folder_error;
+  fs::path work_folder;
+  if (attachment && attachment->objectContext() &&
+      IsSingleComponent(attachment->objectContext()->databaseUUID()) &&
+      IsSingleComponent(attachment->attachmentUUID())) {
+    std::error_code ec;
+    work_folder = fs::temp_directory_path(ec) / attachment->objectContext()->databaseUUID() /
+                  *attachment->attachmentUUID();
+  } else {
+    folder_error = PosixError(EINVAL);
+  }
+
+  std::int64_t storage_type = kStorageTypePlainFile;
+  fs::path source = file;
+  if (bwIsBundleAtURL(file)) {
+    storage_type = kStorageTypeArchive;
+    if (folder_error || !MakePrivateFolders(work_folder, &folder_error)) {
+      return fail("Error trying to create temporary directory to archive path", folder_error);
+    }
+    source = work_folder / *attachment->attachmentUUID();
+    // Asked with an out-pointer so that an item that cannot be packed fails the store; the
+    // error itself is not passed on.
+    ErrorRef archive_error;
+    if (!VMArchiver::archiveFilesInDirectory(file, source, &archive_error)) {
+      return fail("Could not compress directory/bundle for storing attachment", nullptr);
+    }
+  }
+  if (folder_error || !MakePrivateFolders(work_folder, &folder_error)) {
+    return fail("Error trying to create temporary directory to process file", folder_error);
+  }
+  const fs::path crypt = work_folder / kCryptFileName;
+  if (!MakeEmptyFile(crypt)) {
+    // The folder step's error, which is null once the folder exists.
+    return fail("Error trying to create temporary file to process attachment", folder_error);
+  }
+  attachment->setObject(KeyedValue(storage_type), kHXFileAttachmentStorageTypeKey);
+
+  ErrorRef process_error;
+  if (!processAttachment(attachment, source, crypt, kOperationEncrypt, &process_error)) {
+    return fail("Error processing attachment", process_error);
+  }
+  attachment->setFileAttachmentScheme(fileAttachmentScheme());
+
+  std::string transfer_path = crypt.string();
+  ErrorRef manager_error;
+  std::shared_ptr<VMAttachmentTransferObject> transfer;
+  if (VMAttachmentTransferManager* manager = TransferManagerOf(*attachment)) {
+    transfer = manager->registerTransferPath(&transfer_path, attachment, &told,
+                                             kTransferOperationUpload, true, &manager_error);
+  }
+  if (!transfer) return fail("Could not register upload with transfer manager", manager_error);
+  return true;
+}
+
+void VMCAttachment::createUploadOperationForTransferObject(
+    const std::shared_ptr<VMAttachmentTransferObject>& transfer,
+    const std::shared_ptr<HXFileAttachmentTransferDelegate>& delegate) {
+  auto operation = std::make_shared<UploadCloudAttachmentOperation>(
+      authToken().value_or(AuthToken("")), transfer->attachmentPath());
+  transfer->setProgress(operation->progress());
+  std::shared_ptr<HXFileAttachment> attachment = transfer->attachment();
+  auto self = std::static_pointer_cast<VMCAttachment>(shared_from_this());
+  // The completion runs after the queue may have let go of the operation, so it holds the
+  // operation itself; the block is released once it ran, which ends that cycle.
+  operation->setCompletionBlock([operation, self, attachment] {
+    logger().info("Transfer finished: Operation {}",
+                  DescribeOperation("UploadCloudAttachmentOperation", operation.get()));
+    RunOnMainOperationQueue(
+        [operation, self, attachment] { self->uploadFinished(*operation, attachment); });
+  });
+  operationQueue()->addOperation(operation);
+  if (delegate) delegate->willSendAttachment(this, attachment);
+}
+
+void VMCAttachment::uploadFinished(const UploadCloudAttachmentOperation& operation,
+                                   const std::shared_ptr<HXFileAttachment>& attachment) {
+  if (!attachment) return;
+  if (operation.failed()) {
+    logger().error("Transfer failed. Error {}", DescribeError(operation.error()));
+    SendGotError(attachment->delegate().get(), this, operation.error());
+    return;
+  }
+  logger().info("Transfer Successful");
+  attachment->setUploaded(true);
+  attachment->setTemporaryPath(std::nullopt);
+  attachment->setInitialAttachmentUUID(attachment->attachmentUUID());
+  std::shared_ptr<HXAttachmentCache> cache = HXAttachmentCache::sharedCache();
+  // Computed while the record still bears its local identity.
+  const fs::path old_location = cache ? cache->absoluteFilePathForObject(*attachment) : fs::path();
+  cleanUpForAttachment(attachment);
+  if (std::optional<std::string> uuid = operation.attachmentUUID()) {
+    attachment->setAttachmentUUID(ToLower(*uuid));
+  }
+  if (cache) {
+    const fs::path new_location = cache->absoluteFilePathForObject(*attachment);
+    // An attachment without a cached copy has nothing to move: both errors are ignored.
+    std::error_code ignored;
+    fs::create_directories(new_location.parent_path(), ignored);
+    fs::rename(old_location, new_location, ignored);
+  }
+  if (HXObjectContext* context = attachment->vmpObjectContext()) context->saveChanges(nullptr);
+  if (auto record_delegate = attachment->delegate()) {
+    record_delegate->finishedTransferForAttachment(this, attachment);
+  }
+}
+
+bool VMCAttachment::resumeUpload(const std::shared_ptr<VMAttachmentTransferObject>& transfer) {
+  createUploadOperationForTransferObject(transfer, transfer->delegate());
+  return true;
+}
+
+// --- Retrieving ---
+
+bool VMCAttachment::retrieveAttachment(
+    const std::shared_ptr<HXFileAttachment>& attachment, const fs::path& /*to_path*/,
+    const std::shared_ptr<HXFileAttachmentTransferDelegate>& delegate, ErrorRef* error) {
+  if (!attachment) return false;
+  auto self = std::static_pointer_cast<VMCAttachment>(shared_from_this());
+  if (attachment->uploaded() != std::optional<bool>(true)) {
+    ErrorRef not_uploaded =
+        SchemeError(kNotUploadedCode, VMLocalizedString("File not yet uploaded."));
+    MainQueue::shared().async(
+        [self, delegate, not_uploaded] { SendGotError(delegate.get(), self.get(), not_uploaded); });
+    return false;
+  }
+
+  // The record's identity names the download folder; one that is not a plain folder name
+  // is refused like a download that cannot be prepared.
+  std::shared_ptr<HXAttachmentCache> cache = HXAttachmentCache::sharedCache();
+  const std::optional<std::string> uuid = attachment->attachmentUUID();
+  std::error_code ec;
+  fs::path download_folder = fs::temp_directory_path(ec) / kDownloadFolderName;
+  if (cache) download_folder /= cache->relativeFilePathForObject(*attachment);
+  if (uuid && !IsSingleComponent(uuid)) {
+    return failPreparingDownload(attachment, PosixError(EINVAL, download_folder), error);
+  }
+  if (uuid) {
+    download_folder /= *uuid;
+    // The operation writes beside the transfer path, so the folder must be there; when it
+    // cannot be made, the download fails with the reason.
+    MakePrivateFolders(download_folder, nullptr);
+  }
+  std::string transfer_path = (download_folder / kDownloadFileName).string();
+
+  std::shared_ptr<HXFileAttachmentTransferDelegate> used_delegate = delegate;
+  ErrorRef manager_error;
+  std::shared_ptr<VMAttachmentTransferObject> transfer;
+  if (VMAttachmentTransferManager* manager = TransferManagerOf(*attachment)) {
+    transfer = manager->registerTransferPath(&transfer_path, attachment, &used_delegate,
+                                             kTransferOperationDownload, false, &manager_error);
+  }
+  if (!transfer) {
+    // Told to the record's own delegate; the out-pointer stays untouched on purpose.
+    SendGotError(attachment->delegate().get(), this,
+                 SchemeError(kDownloadCode, "Could not register download with transfer manager",
+                             manager_error));
+    return false;
+  }
+  if (fs::exists(fs::symlink_status(transfer_path, ec))) {
+    fs::remove_all(transfer_path, ec);
+    if (ec) return failPreparingDownload(attachment, PosixError(ec, transfer_path), error);
+  }
+  createDownloadOperationForTransferObject(transfer, used_delegate);
+  return true;
+}
+
+bool VMCAttachment::failPreparingDownload(const std::shared_ptr<HXFileAttachment>& attachment,
+                                          ErrorRef cause, ErrorRef* error) {
+  logger().error("failed to prepare attachment for download - {}", DescribeError(cause));
+  ErrorRef failure = SchemeError(
+      kDownloadCode, VMLocalizedString("failed to prepare attachment for download"), cause);
+  Fail(error, failure);
+  SendGotError(attachment->delegate().get(), this, failure);
+  return false;
+}
+
+void VMCAttachment::createDownloadOperationForTransferObject(
+    const std::shared_ptr<VMAttachmentTransferObject>& transfer,
+    const std::shared_ptr<HXFileAttachmentTransferDelegate>& delegate) {
+  std::shared_ptr<HXFileAttachment> attachment = transfer->attachment();
+  auto self = std::static_pointer_cast<VMCAttachment>(shared_from_this());
+  std::optional<std::string> uuid = attachment && attachment->attachmentUUID()
+                                        ? ParseUUID(*attachment->attachmentUUID())
+                                        : std::nullopt;
+  if (!uuid) {
+    // Nothing to ask the service for: the transfer stays registered, as after any failure.
+    ErrorRef failure = PosixError(EINVAL);
+    MainQueue::shared().async(
+        [self, delegate, failure] { SendGotError(delegate.get(), self.get(), failure); });
+    return;
+  }
+  auto operation = std::make_shared<DownloadCloudAttachmentOperation>(
+      authToken().value_or(AuthToken("")), *uuid, transfer->attachmentPath());
+  transfer->setProgress(operation->progress());
+  operation->setCompletionBlock([operation, self, transfer, delegate] {
+    RunOnMainOperationQueue([operation, self, transfer, delegate] {
+      self->downloadFinished(*operation, transfer, delegate);
+    });
+  });
+  operationQueue()->addOperation(operation);
+  if (delegate) delegate->willReceiveAttachment(this, attachment, operation->progress());
+}
+
+void VMCAttachment::downloadFinished(
+    const DownloadCloudAttachmentOperation& operation,
+    const std::shared_ptr<VMAttachmentTransferObject>& transfer,
+    const std::shared_ptr<HXFileAttachmentTransferDelegate>& delegate) {
+  logger().info("Finished download");
+  if (operation.failed()) {
+    // The transfer stays registered, so that it can be resumed.
+    SendGotError(delegate.get(), this, operation.error());
+    return;
+  }
+  const std::shared_ptr<HXFileAttachment>& attachment = transfer->attachment();
+  std::shared_ptr<HXAttachmentCache> cache = HXAttachmentCache::sharedCache();
+  const fs::path cache_folder = cache ? cache->absoluteFilePathForObject(*attachment) : fs::path();
+  std::error_code ec;
+  if (cache_folder.empty()) ec = std::make_error_code(std::errc::invalid_argument);
+  if (!ec) fs::create_directories(cache_folder, ec);
+  if (ec) {
+    if (delegate) {
+      delegate->gotCriticalError(
+          this,
+          SchemeError(kCacheFolderCode, "Unable to create directory for cache file for attachment",
+                      PosixError(ec, cache_folder)));
+    }
+    return;
+  }
+
+  ErrorRef save_error;
+  bool saved = false;
+  try {
+    saved = saveDownloadedAttachment(attachment, transfer->attachmentPath(),
+                                     cache_folder / MakeUniqueID(), &save_error);
+  } catch (const std::exception& exception) {
+    logger().error("failed to create download operation - {}", exception.what());
+    save_error = SchemeError(kDownloadCode, exception.what());
+  } catch (...) {
+    cleanUpForAttachment(attachment);
+    throw;
+  }
+  cleanUpForAttachment(attachment);
+  if (saved) {
+    if (delegate) delegate->finishedTransferForAttachment(this, attachment);
+  } else {
+    SendGotError(delegate.get(), this,
+                 SchemeError(kDownloadCode, "Failed to save downloaded file.", save_error));
+  }
+}
+
+// --- Deletion and transfer control ---
+
+DataIdentifier VMCAttachment::dataIdentifierForDeletionForAttachment(
+    const std::shared_ptr<HXFileAttachment>& attachment) {
+  return attachment ? attachment->attachmentUUID().value_or("") : "";
+}
+
+bool VMCAttachment::deleteAttachment(
+    const std::shared_ptr<HXFileAttachment>& attachment, const DataIdentifier& data_identifier,
+    const std::shared_ptr<HXFileAttachmentTransferDelegate>& delegate, ErrorRef* error) {
+  if (!attachment || !attachment->attachmentUUID()) return true;  // nothing was stored
+  auto fail = [&](std::string_view description, ErrorRef underlying) {
+    ErrorRef failure = SchemeError(kDeletionCode, description, std::move(underlying));
+    Fail(error, failure);
+    if (delegate) delegate->gotCriticalError(this, failure);
+    return false;
+  };
+  DataIdentifier identifier = data_identifier;
+  if (identifier.empty()) {
+    // Unreachable after the first check; kept as the guard it is. The spelling is the
+    // host's text.
+    if (!attachment) return fail("No attachment and/or data indentifier provided.", nullptr);
+    identifier = *attachment->attachmentUUID();
+  }
+  ErrorRef manager_error;
+  VMAttachmentTransferManager* manager = TransferManagerOf(*attachment);
+  if (!manager || !manager->registerDeleteForAttachment(attachment, &manager_error)) {
+    return fail("Could not register delete with transfer manager", manager_error);
+  }
+
+  auto self = std::static_pointer_cast<VMCAttachment>(shared_from_this());
+  std::optional<std::string> uuid = ParseUUID(*attachment->attachmentUUID());
+  if (!uuid) {
+    // Not a UUID the service could know; reported like a failed operation, and the
+    // deletion stays registered.
+    ErrorRef failure = PosixError(EINVAL);
+    RunOnMainOperationQueue([self, attachment, failure] {
+      SendGotError(attachment->delegate().get(), self.get(), failure);
+    });
+    if (delegate) delegate->willSendAttachment(this, attachment);
+    return true;
+  }
+  auto operation =
+      std::make_shared<DeleteCloudAttachmentOperation>(authToken().value_or(AuthToken("")), *uuid);
+  operation->setCompletionBlock([operation, self, attachment, identifier] {
+    logger().info("Delete finished: Operation {}",
+                  DescribeOperation("DeleteCloudAttachmentOperation", operation.get()));
+    RunOnMainOperationQueue([operation, self, attachment, identifier] {
+      if (operation->failed()) {
+        logger().error("Deletion failed. Error {}", DescribeError(operation->error()));
+        SendGotError(attachment->delegate().get(), self.get(), operation->error());
+        return;
+      }
+      logger().info("Deletion Successful");
+      self->cleanUpForAttachment(attachment);
+      if (auto record_delegate = attachment->delegate()) {
+        record_delegate->finishedTransferForAttachment(self.get(), attachment);
+      }
+      self->removeDeletionAttachment(identifier);
+    });
+  });
+  if (delegate) delegate->willSendAttachment(this, attachment);
+  operationQueue()->addOperation(operation);
+  return true;
+}
+
+bool VMCAttachment::resumeTransfer(const std::shared_ptr<VMAttachmentTransferObject>& transfer) {
+  if (!transfer) return true;
+  switch (transfer->operationType()) {
+    case kTransferOperationUpload:
+      createUploadOperationForTransferObject(transfer, transfer->delegate());
+      break;
+    case kTransferOperationDownload:
+      createDownloadOperationForTransferObject(transfer, transfer->delegate());
+      break;
+    case kTransferOperationDelete:
+      resumeDeletion(transfer);
+      break;
+    default:
+      break;
+  }
+  return true;
+}
+
+void VMCAttachment::resumeDeletion(const std::shared_ptr<VMAttachmentTransferObject>& transfer) {
+  auto self = std::static_pointer_cast<VMCAttachment>(shared_from_this());
+  std::shared_ptr<HXFileAttachment> attachment = transfer->attachment();
+  // A resumed deletion leaves deletionAttachments alone, and tells nothing to the log.
+  auto finish = [self, transfer, attachment](bool failed, ErrorRef failure) {
+    RunOnMainOperationQueue([self, transfer, attachment, failed, failure] {
+      if (failed) {
+        if (attachment) SendGotError(attachment->delegate().get(), self.get(), failure);
+        return;
+      }
+      if (attachment) {
+        self->cleanUpForAttachment(attachment);
+        if (auto record_delegate = attachment->delegate()) {
+          record_delegate->finishedTransferForAttachment(self.get(), attachment);
+        }
+      } else if (HXObjectContext* context = self->fileAttachmentScheme()->vmpObjectContext()) {
+        // The record is gone (a deletion outlives it): the registration is found by the
+        // identifier it was made with.
+        if (auto* manager = context->attachmentTransferManager()) {
+          manager->removeTransferForAttachmentIdentifier(transfer->attachmentID());
+        }
+      }
+    });
+  };
+  std::optional<std::string> uuid = ParseUUID(transfer->attachmentID());
+  if (auto delegate = transfer->delegate()) delegate->willSendAttachment(this, attachment);
+  if (!uuid) {
+    finish(true, PosixError(EINVAL));
+    return;
+  }
+  auto operation =
+      std::make_shared<DeleteCloudAttachmentOperation>(authToken().value_or(AuthToken("")), *uuid);
+  operation->setCompletionBlock(
+      [operation, finish] { finish(operation->failed(), operation->error()); });
+  operationQueue()->addOperation(operation);
+}
+
+bool VMCAttachment::suspendTransfer(const std::shared_ptr<VMAttachmentTransferObject>&) {
+  return true;
+}
+
+bool VMCAttachment::cancelTransfer(const std::shared_ptr<VMAttachmentTransferObject>&) {
+  return false;
+}
+
+std::optional<fs::path> VMCAttachment::attachmentURL(const std::shared_ptr<HXFileAttachment>&) {
+  return std::nullopt;
+}
+
+std::optional<Date> VMCAttachment::attachmentModifyDate(
+    const std::shared_ptr<HXFileAttachment>& attachment) {
+  if (!attachment) return std::nullopt;
+  return attachment->modifyDate();
+}
+
+}  // namespace vm

@@ -1,0 +1,452 @@
+#include "tools/vmattach/TransferCommands.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <stdio.h>
+
+#include <iostream>
+#include <map>
+#include <nlohmann/json.hpp>
+
+#include "host/HXAttachmentCache.h"
+#include "host/HXFileAttachmentScheme.h"
+#include "host/HXFileAttachmentSchemeHandler.h"
+#include "host/HostConstants.h"
+#include "host/sqlite/SqliteObjectContext.h"
+#include "host/sqlite/SqliteTransferManager.h"
+#include "platform/DispatchQueue.h"
+#include "platform/Progress.h"
+#include "platform/UniqueID.h"
+#include "tools/vmattach/Host.h"
+
+namespace vm::vmattach {
+namespace {
+
+namespace fs = std::filesystem;
+using TransferList = std::vector<std::shared_ptr<VMAttachmentTransferObject>>;
+
+constexpr auto kTransferTimeout = std::chrono::seconds(600);
+
+void PrintJSON(const nlohmann::json& value) { std::cout << value.dump(2) << "\n"; }
+
+std::string OperationName(std::uint64_t type) {
+  switch (type) {
+    case kTransferOperationUpload:
+      return "upload";
+    case kTransferOperationDownload:
+      return "download";
+    case kTransferOperationDelete:
+      return "delete";
+    default:
+      return fmt::format("type {}", type);
+  }
+}
+
+// The attachment id a transfer belongs to; 0 when its record is gone.
+std::uint64_t AttachmentKey(const VMAttachmentTransferObject& transfer) {
+  return transfer.attachment() ? transfer.attachment()->primaryKeyValue() : 0;
+}
+
+SqliteTransferManager& Manager(SqliteObjectContext& context) {
+  return *static_cast<SqliteTransferManager*>(context.attachmentTransferManager());
+}
+
+// The transfers of attachment `id`, or all of them when `id` is 0.
+TransferList TransfersOf(SqliteObjectContext& context, std::uint64_t id) {
+  TransferList out;
+  for (const auto& transfer : Manager(context).transferObjects()) {
+    if (id == 0 || AttachmentKey(*transfer) == id) out.push_back(transfer);
+  }
+  return out;
+}
+
+std::string ResumeHint(std::uint64_t id) {
+  return fmt::format("the transfer is kept; resume it with: vmattach transfers resume {}", id);
+}
+
+// One outcome per resumed transfer: null error when it finished.
+struct Outcome {
+  std::shared_ptr<VMAttachmentTransferObject> transfer;
+  ErrorRef error;
+};
+
+// Resumes `transfers` and drains the main queue (where the schemes report) until each has
+// an outcome or the time is up, drawing one bar for the bytes of all of them. A transfer
+// still running at the deadline is reported as timed out.
+std::vector<Outcome> ResumeAndWait(SqliteObjectContext& context, const TransferList& transfers,
+                                   const std::string& label,
+                                   std::shared_ptr<HXFileAttachmentTransferDelegate> observer) {
+  auto outcomes = std::make_shared<std::map<const VMAttachmentTransferObject*, ErrorRef>>();
+  auto mu = std::make_shared<std::mutex>();
+  Manager(context).resumeTransfers(
+      transfers,
+      [outcomes, mu](const auto& transfer, const ErrorRef& error) {
+        std::lock_guard lock(*mu);
+        outcomes->emplace(transfer.get(), error);
+      },
+      std::move(observer));
+  auto all_reported = [&] {
+    std::lock_guard lock(*mu);
+    return outcomes->size() == transfers.size();
+  };
+  ProgressBar bar(label);
+  // An upload drops its total to 0 while it confirms; the last real figures stay shown.
+  std::int64_t shown_done = 0, shown_total = 0;
+  const auto deadline = std::chrono::steady_clock::now() + kTransferTimeout;
+  while (!all_reported() && std::chrono::steady_clock::now() < deadline) {
+    MainQueue::shared().runUntilCondition(
+        all_reported, std::chrono::steady_clock::now() + std::chrono::milliseconds(100));
+    std::int64_t done = 0, total = 0;
+    for (const auto& transfer : transfers) {
+      if (auto progress = transfer->progress(); progress && progress->totalUnitCount() > 0) {
+        done += progress->completedUnitCount();
+        total += progress->totalUnitCount();
+      }
+    }
+    if (total > 0 && (total != shown_total || done != shown_done)) {
+      shown_done = done;
+      shown_total = total;
+      bar.update(done, total);
+    }
+  }
+  MainQueue::shared().drainPending();
+  bar.finish();
+  std::vector<Outcome> out;
+  std::lock_guard lock(*mu);
+  for (const auto& transfer : transfers) {
+    auto it = outcomes->find(transfer.get());
+    out.push_back({transfer, it != outcomes->end()
+                                 ? it->second
+                                 : Error::WithDescription(kVMFileAttachmentDomain, ETIMEDOUT,
+                                                          "The transfer did not end in time.")});
+  }
+  return out;
+}
+
+// A name from the database used as a file name in a folder of the user's: one plain path
+// component only.
+bool IsPlainName(const std::string& name) {
+  return !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos;
+}
+
+// Copies the file or folder `from` to `to`, which must not exist: into a hidden name
+// beside it first and renamed into place without replacing anything, so that a failure
+// leaves nothing under `to`'s name. Modes (and so executable bits) are kept.
+bool CopyIntoPlace(const fs::path& from, const fs::path& to, ErrorRef* error) {
+  fs::path partial = to.parent_path() / ("." + to.filename().string() + ".vmattach-partial");
+  std::error_code ec;
+  fs::remove_all(partial, ec);
+  fs::copy(from, partial, fs::copy_options::recursive | fs::copy_options::copy_symlinks, ec);
+  if (!ec && ::renameat2(AT_FDCWD, partial.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) != 0) {
+    ec = std::error_code(errno, std::generic_category());
+  }
+  if (ec) {
+    std::error_code ignored;
+    fs::remove_all(partial, ignored);
+    return Fail(error, PosixError(ec, to));
+  }
+  return true;
+}
+
+fs::path CacheFolder(const HXFileAttachment& attachment) {
+  auto cache = HXAttachmentCache::sharedCache();
+  return cache ? cache->absoluteFilePathForObject(attachment) : fs::path();
+}
+
+int RunList(const GlobalOptions& options) {
+  ErrorRef error;
+  auto context = OpenHost(options, &error);
+  if (!context) return ReportFailure(error);
+  nlohmann::json out = nlohmann::json::array();
+  for (const auto& transfer : TransfersOf(*context, 0)) {
+    std::error_code ec;
+    const fs::path path = transfer->attachmentPath();
+    std::uintmax_t size = path.empty() ? 0 : fs::file_size(path, ec);
+    if (ec) size = 0;
+    const std::uint64_t id = AttachmentKey(*transfer);
+    if (options.json) {
+      out.push_back({{"id", id == 0 ? nlohmann::json(nullptr) : nlohmann::json(id)},
+                     {"uuid", transfer->attachmentID()},
+                     {"type", OperationName(transfer->operationType())},
+                     {"path", path.string()},
+                     {"size", size}});
+    } else {
+      fmt::print("{}\t{}\t{}\t{}\n", id == 0 ? std::string("-") : std::to_string(id),
+                 OperationName(transfer->operationType()), size, path.string());
+    }
+  }
+  if (options.json) PrintJSON(out);
+  return 0;
+}
+
+// After a deletion finished: the row goes, with the attachment's cached copy.
+bool ForgetAttachment(SqliteObjectContext& context,
+                      const std::shared_ptr<HXFileAttachment>& attachment, ErrorRef* error) {
+  if (attachment->attachmentUUID()) {
+    context.attachmentTransferManager()->removeTransferForAttachmentIdentifier(
+        *attachment->attachmentUUID());
+  }
+  fs::path cached = CacheFolder(*attachment);
+  auto relative = cached.lexically_normal().lexically_relative(context.cacheDirectory());
+  if (!cached.empty() && !relative.empty() && relative != "." && *relative.begin() != "..") {
+    std::error_code ignored;
+    fs::remove_all(cached, ignored);
+  }
+  return context.deleteAttachment(attachment, error);
+}
+
+int RunResume(const GlobalOptions& options, std::uint64_t id) {
+  ErrorRef error;
+  auto context = OpenHost(options, &error);
+  if (!context) return ReportFailure(error);
+  TransferList transfers = TransfersOf(*context, id);
+  if (id != 0 && transfers.empty()) {
+    return ReportFailure(fmt::format("no transfer for attachment {}", id));
+  }
+  std::vector<Outcome> outcomes =
+      ResumeAndWait(*context, transfers, fmt::format("{} transfer(s)", transfers.size()), nullptr);
+  int exit_code = 0;
+  nlohmann::json out = nlohmann::json::array();
+  for (const Outcome& outcome : outcomes) {
+    const auto& transfer = outcome.transfer;
+    const std::uint64_t key = AttachmentKey(*transfer);
+    const std::string type = OperationName(transfer->operationType());
+    ErrorRef failure = outcome.error;
+    if (!failure && transfer->operationType() == kTransferOperationDelete &&
+        transfer->attachment()) {
+      ForgetAttachment(*context, transfer->attachment(), &failure);
+    }
+    if (options.json) {
+      nlohmann::json item = {
+          {"id", key}, {"type", type}, {"status", failure ? "failed" : "finished"}};
+      if (failure) item["error"] = failure->localizedDescription();
+      out.push_back(item);
+    } else if (!failure) {
+      fmt::print("{}\t{}\tfinished\n", key, type);
+    }
+    if (failure) {
+      exit_code = ReportFailure(failure);
+      ReportFailure(ResumeHint(key));
+    }
+  }
+  if (!context->saveChanges(&error)) return ReportFailure(error);
+  if (options.json) PrintJSON(out);
+  return exit_code;
+}
+
+// `transfers suspend|cancel ID`: asks the scheme and says what it answered.
+int RunControl(const GlobalOptions& options, std::uint64_t id, bool cancel) {
+  ErrorRef error;
+  auto context = OpenHost(options, &error);
+  if (!context) return ReportFailure(error);
+  TransferList transfers = TransfersOf(*context, id);
+  if (transfers.empty()) return ReportFailure(fmt::format("no transfer for attachment {}", id));
+  const char* verb = cancel ? "cancel" : "suspend";
+  nlohmann::json out = nlohmann::json::array();
+  for (const auto& transfer : transfers) {
+    ErrorRef failure;
+    bool answer = cancel ? VMAttachmentTransferManager::cancelTransfer(transfer, &failure)
+                         : VMAttachmentTransferManager::suspendTransfer(transfer, &failure);
+    if (failure) return ReportFailure(failure);
+    const std::string type = OperationName(transfer->operationType());
+    if (options.json) {
+      out.push_back({{"id", id}, {"type", type}, {"request", verb}, {"answer", answer}});
+    } else {
+      fmt::print("{}\t{}\t{}: the scheme answered {}\n", id, type, verb, answer ? "yes" : "no");
+    }
+  }
+  if (options.json) PrintJSON(out);
+  return 0;
+}
+
+int RunDelete(const GlobalOptions& options, std::uint64_t id) {
+  ErrorRef error;
+  auto context = OpenHost(options, &error);
+  if (!context) return ReportFailure(error);
+  auto attachment = context->attachmentWithPrimaryKey(id);
+  if (!attachment) return ReportFailure(fmt::format("no attachment with id {}", id));
+  auto scheme = attachment->fileAttachmentScheme();
+  auto handler = scheme ? scheme->schemeHandler() : nullptr;
+  auto* deletion = dynamic_cast<HXFileAttachmentSchemeDeletionProtocol*>(handler.get());
+  // Bytes that never reached the storage are not there to delete: the upload's transfer
+  // and the row are enough.
+  if (deletion != nullptr && attachment->uploaded().value_or(false)) {
+    auto delegate = std::make_shared<CommandDelegate>("delete");
+    attachment->setDelegate(delegate);
+    DataIdentifier identifier = deletion->dataIdentifierForDeletionForAttachment(attachment);
+    if (!deletion->deleteAttachment(attachment, identifier, delegate, &error)) {
+      return ReportFailure(error ? error : delegate->error());
+    }
+    // A scheme that started work says so with willSendAttachment; one that had nothing to
+    // delete answered at once.
+    if (delegate->started()) {
+      if (!delegate->waitForOutcome(kTransferTimeout)) {
+        return ReportFailure("the deletion did not finish in time");
+      }
+      if (!delegate->finished()) {
+        ReportFailure(delegate->error());
+        return ReportFailure(ResumeHint(id));
+      }
+    }
+  }
+  if (!ForgetAttachment(*context, attachment, &error) || !context->saveChanges(&error)) {
+    return ReportFailure(error);
+  }
+  if (options.json) {
+    PrintJSON({{"id", id}, {"status", "deleted"}});
+  } else {
+    fmt::print("deleted\n");
+  }
+  return 0;
+}
+
+}  // namespace
+
+bool QueuesTransfers(const HXFileAttachmentSchemeHandler& handler) {
+  return dynamic_cast<const VMAttachmentTransferHandlerProtocol*>(&handler) != nullptr;
+}
+
+int StoreThroughTransfer(SqliteObjectContext& context,
+                         const std::shared_ptr<HXFileAttachment>& attachment,
+                         HXFileAttachmentSchemeHandler& handler, const fs::path& source,
+                         const std::string& relative_path, const GlobalOptions& options) {
+  auto delegate = std::make_shared<CommandDelegate>("store");
+  attachment->setDelegate(delegate);
+  ErrorRef error;
+  if (!handler.storeFile(source, relative_path, attachment, delegate, &error)) {
+    return ReportFailure(error ? error : delegate->error());
+  }
+  // The record and its upload are saved together before anything leaves the machine, so
+  // that an interrupted upload can be resumed by a later process.
+  if (!context.saveChanges(&error)) return ReportFailure(error);
+  const std::uint64_t id = attachment->primaryKeyValue();
+  fs::path cached = CacheFolder(*attachment);
+  if (!cached.empty() && IsPlainName(attachment->name())) {
+    std::error_code ec;
+    fs::create_directories(cached, ec);
+    ErrorRef copy_error;
+    if (ec || !CopyIntoPlace(source, cached / attachment->name(), &copy_error)) {
+      // The cache only saves a download later; the store goes on without it.
+      fmt::print(stderr, "vmattach: no cached copy: {}\n",
+                 copy_error ? copy_error->localizedDescription() : ec.message());
+    }
+  }
+  TransferList uploads;
+  for (const auto& transfer : TransfersOf(context, id)) {
+    if (transfer->operationType() == kTransferOperationUpload) uploads.push_back(transfer);
+  }
+  if (uploads.empty()) return ReportFailure("the scheme registered no upload");
+  for (const Outcome& outcome : ResumeAndWait(context, uploads, "store", delegate)) {
+    if (outcome.error) {
+      ReportFailure(outcome.error);
+      return ReportFailure(ResumeHint(id));
+    }
+  }
+  if (!context.saveChanges(&error)) return ReportFailure(error);
+  if (options.json) {
+    PrintJSON(AttachmentToJSON(*attachment));
+  } else {
+    fmt::print("{}\n", id);
+  }
+  return 0;
+}
+
+int RetrieveThroughCache(SqliteObjectContext& context,
+                         const std::shared_ptr<HXFileAttachment>& attachment,
+                         HXFileAttachmentSchemeHandler& handler, const fs::path& destination,
+                         const GlobalOptions& options) {
+  const std::string name = attachment->name();
+  if (!IsPlainName(name)) return ReportFailure(PosixError(EINVAL, name));
+  const fs::path target = destination / name;
+  std::error_code ec;
+  if (fs::exists(fs::symlink_status(target, ec))) return ReportFailure(PosixError(EEXIST, target));
+  const fs::path cached = CacheFolder(*attachment);
+  if (cached.empty()) return ReportFailure("no attachment cache");
+  // The scheme downloads into the cache folder; an older copy is set aside so that the
+  // result is the only item there, and comes back if the download fails.
+  fs::path aside = cached;
+  aside += ".previous";
+  fs::remove_all(aside, ec);
+  bool set_aside = fs::exists(cached, ec) && (fs::rename(cached, aside, ec), !ec);
+  auto restore = [&] {
+    if (!set_aside) return;
+    std::error_code ignored;
+    fs::remove_all(cached, ignored);
+    fs::rename(aside, cached, ignored);
+  };
+
+  auto delegate = std::make_shared<CommandDelegate>("retrieve");
+  attachment->setDelegate(delegate);
+  ErrorRef error;
+  if (!handler.retrieveAttachment(attachment, destination, delegate, &error)) {
+    // Some refusals arrive on the main queue after the call returned.
+    if (!error) delegate->waitForOutcome(std::chrono::seconds(5));
+    restore();
+    return ReportFailure(error ? error : delegate->error());
+  }
+  if (!delegate->done() && !delegate->waitForOutcome(kTransferTimeout)) {
+    restore();
+    return ReportFailure("the retrieval did not finish in time");
+  }
+  if (!delegate->finished()) {
+    restore();
+    return ReportFailure(delegate->error());
+  }
+  // A plain file ends as cache folder / name; an archive is unpacked into a folder of its
+  // own there.
+  fs::path result = cached / name;
+  if (!fs::exists(fs::symlink_status(result, ec))) {
+    result.clear();
+    for (const auto& entry : fs::directory_iterator(cached, ec)) {
+      if (!result.empty()) return ReportFailure("the cache holds more than the retrieved copy");
+      result = entry.path();
+    }
+  }
+  if (result.empty()) return ReportFailure("the retrieved copy is not in the cache");
+  if (!CopyIntoPlace(result, target, &error)) return ReportFailure(error);
+  fs::remove_all(aside, ec);
+  if (!context.saveChanges(&error)) return ReportFailure(error);
+  if (options.json) {
+    PrintJSON({{"id", attachment->primaryKeyValue()},
+               {"status", "finished"},
+               {"destination", target.string()}});
+  } else {
+    fmt::print("finished\n");
+  }
+  return 0;
+}
+
+void AddTransferCommands(CLI::App& app, const GlobalOptions& options, int* exit_code) {
+  auto delete_id = std::make_shared<std::uint64_t>(0);
+  CLI::App* remove = app.add_subcommand(
+      "delete", "Delete an attachment: its row and, through its scheme, the stored bytes");
+  remove->add_option("id", *delete_id, "Attachment id")->required();
+  SetCommandBody(remove, exit_code,
+                 [&options, delete_id] { return RunDelete(options, *delete_id); });
+
+  CLI::App* transfers = app.add_subcommand(
+      "transfers", "List the registered transfers, or resume, suspend or cancel them");
+  transfers->require_subcommand(0, 1);
+  auto resume_id = std::make_shared<std::uint64_t>(0);
+  CLI::App* resume =
+      transfers->add_subcommand("resume", "Resume every transfer, or those of one attachment");
+  resume->add_option("id", *resume_id, "Attachment id");
+  SetCommandBody(resume, exit_code,
+                 [&options, resume_id] { return RunResume(options, *resume_id); });
+  for (bool cancel : {false, true}) {
+    auto id = std::make_shared<std::uint64_t>(0);
+    CLI::App* control =
+        transfers->add_subcommand(cancel ? "cancel" : "suspend",
+                                  cancel ? "Ask the scheme to cancel an attachment's transfers"
+                                         : "Ask the scheme to suspend an attachment's transfers");
+    control->add_option("id", *id, "Attachment id")->required();
+    SetCommandBody(control, exit_code,
+                   [&options, id, cancel] { return RunControl(options, *id, cancel); });
+  }
+  // Runs after a subcommand's callback too; only the bare command lists.
+  transfers->callback([transfers, exit_code, &options] {
+    if (transfers->get_subcommands().empty()) *exit_code = RunList(options);
+  });
+}
+
+}  // namespace vm::vmattach

@@ -1,0 +1,47 @@
+#ifndef VM_TOOLS_VMATTACH_TRANSFERCOMMANDS_H_
+#define VM_TOOLS_VMATTACH_TRANSFERCOMMANDS_H_
+
+#include <CLI/CLI.hpp>
+#include <filesystem>
+#include <memory>
+
+#include "tools/vmattach/Command.h"
+
+namespace vm {
+class HXFileAttachment;
+class HXFileAttachmentSchemeHandler;
+class SqliteObjectContext;
+}  // namespace vm
+
+namespace vm::vmattach {
+
+// `delete ID` and `transfers [resume [ID] | suspend ID | cancel ID]`.
+void AddTransferCommands(CLI::App& app, const GlobalOptions& options, int* exit_code);
+
+// Whether `handler` queues its transfers with the host's transfer manager and leaves
+// starting them to the host (the cloud scheme does).
+bool QueuesTransfers(const HXFileAttachmentSchemeHandler& handler);
+
+// `store` through such a scheme, as a desktop host does it: storeFile prepares and
+// registers the upload; the record and its transfer are saved; a copy of `source` goes
+// into the attachment's cache folder; the upload is resumed at once and waited for.
+// Prints the result and returns the exit code. A failed upload keeps its transfer and
+// says how to resume it.
+int StoreThroughTransfer(SqliteObjectContext& context,
+                         const std::shared_ptr<HXFileAttachment>& attachment,
+                         HXFileAttachmentSchemeHandler& handler,
+                         const std::filesystem::path& source, const std::string& relative_path,
+                         const GlobalOptions& options);
+
+// `retrieve` through such a scheme: the scheme downloads into the attachment's cache
+// folder; the result (a file or an unpacked folder) is then copied into `destination`
+// under the attachment's name, never over an existing item. Prints the result and returns
+// the exit code.
+int RetrieveThroughCache(SqliteObjectContext& context,
+                         const std::shared_ptr<HXFileAttachment>& attachment,
+                         HXFileAttachmentSchemeHandler& handler,
+                         const std::filesystem::path& destination, const GlobalOptions& options);
+
+}  // namespace vm::vmattach
+
+#endif  // VM_TOOLS_VMATTACH_TRANSFERCOMMANDS_H_
