@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "VMAttachments/archive/BWFileWrapperAdditions.h"
+#include "VMAttachments/cloud/VMCAttachment.h"
 #include "VMAttachments/recovery/CloudAttachmentRecovery.h"
 #include "VMAttachments/recovery/internal/FileDigest.h"
 #include "VMAttachments/recovery/internal/RecoverySupport.h"
@@ -86,7 +87,8 @@ std::string DescribeUserInfo(const Error::UserInfo& user_info) {
 
 // Decrypts `crypt` into a scratch file with the record's scheme handler. True when the
 // decryption answered YES without an error: the file is the record's.
-bool ProveByTrialDecryption(HXFileAttachment& record, const std::filesystem::path& crypt) {
+bool ProveByTrialDecryption(const std::shared_ptr<HXFileAttachment>& record,
+                            const std::filesystem::path& crypt) {
   std::error_code ec;
   std::filesystem::path folder = std::filesystem::temp_directory_path(ec) / MakeUniqueID();
   if (ec || !std::filesystem::create_directories(folder, ec) || ec) {
@@ -108,7 +110,7 @@ bool ProveByTrialDecryption(HXFileAttachment& record, const std::filesystem::pat
   } catch (const std::exception& exception) {
     threw = true;
     Log(fmt::format("Exception trying to process attachment {} - {}",
-                    record.attachmentUUID().value_or("(null)"), exception.what()));
+                    record->attachmentUUID().value_or("(null)"), exception.what()));
   }
   std::filesystem::remove(scratch, ec);
   // Left behind it would be an empty folder per candidate in the temporary directory.
@@ -119,7 +121,7 @@ bool ProveByTrialDecryption(HXFileAttachment& record, const std::filesystem::pat
     const Error::Numbers* problems = error->numbersForKey(kVMAttachmentHashesErrorKey);
     if (problems != nullptr && !problems->empty()) {
       Log(fmt::format("Hashes did not match for {} - {}",
-                      record.attachmentUUID().value_or("(null)"),
+                      record->attachmentUUID().value_or("(null)"),
                       DescribeUserInfo(error->userInfo())));
     } else {
       Log(fmt::format("Got unknown error verifying hashes: {}", Describe(error)));
@@ -176,7 +178,7 @@ void RunTransfersPass(HXObjectContext* context, FetchResults results, const Erro
       if (DigestMatches(digest, *stored_hash)) candidates.push_back(crypt);
     }
     for (const std::filesystem::path& crypt : candidates) {
-      if (!ProveByTrialDecryption(*record, crypt)) continue;
+      if (!ProveByTrialDecryption(record, crypt)) continue;
       Requeue(*manager, record, crypt);
       record->setUploaded(false);
       std::erase(*remaining, record);

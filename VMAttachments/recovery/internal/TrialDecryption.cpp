@@ -3,14 +3,24 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "VMAttachments/cloud/VMCAttachment.h"
+#include "host/HXFileAttachmentScheme.h"
 #include "host/HostConstants.h"
 
 namespace vm::recovery_internal {
 
-bool DecryptForTrial(HXFileAttachment&, const std::filesystem::path&, const std::filesystem::path&,
+bool DecryptForTrial(const std::shared_ptr<HXFileAttachment>& record,
+                     const std::filesystem::path& crypt, const std::filesystem::path& destination,
                      ErrorRef* error) {
-  return Fail(error, Error::WithDescription(kVMFileAttachmentDomain, 1000,
-                                            "No cloud scheme handler to decrypt with"));
+  std::shared_ptr<HXFileAttachmentScheme> scheme = record->fileAttachmentScheme();
+  auto handler =
+      std::dynamic_pointer_cast<VMCAttachment>(scheme ? scheme->schemeHandler() : nullptr);
+  if (!handler) {
+    return Fail(error, Error::WithDescription(kVMFileAttachmentDomain, 1000,
+                                              "The attachment has no cloud scheme handler."));
+  }
+  return handler->processAttachment(record, crypt, destination, VMCAttachment::kOperationDecrypt,
+                                    error);
 }
 
 bool CreateEmptyFile(const std::filesystem::path& path) {
