@@ -13,8 +13,9 @@
 namespace vm::recovery_internal {
 namespace {
 
+// Recovery events bypass the telemetry cache: a pass may be the last thing a process does.
 void LogTo(const std::shared_ptr<const BWTelemetry>& facility, std::string_view message) {
-  telemetry_log(facility->logLevel(), message, facility, {}, false);
+  telemetry_log(facility->logLevel(), message, facility, {}, true);
 }
 
 }  // namespace

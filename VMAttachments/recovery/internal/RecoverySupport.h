@@ -16,7 +16,7 @@
 namespace vm::recovery_internal {
 
 // One line on the recovery log facility, or on its error facility; both at the
-// facility's own level, with no extra values, never cached.
+// facility's own level, with no extra values, bypassing the telemetry cache.
 void Log(std::string_view message);
 void LogError(std::string_view message);
 

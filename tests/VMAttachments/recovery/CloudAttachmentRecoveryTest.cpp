@@ -7,6 +7,7 @@
 
 #include "VMAttachments/recovery/CloudAttachmentRecovery.h"
 #include "VMAttachments/recovery/UploadThrottle.h"
+#include "VMAttachments/telemetry/AttachmentTelemetry.h"
 #include "host/HXAttachmentCache.h"
 #include "host/HXFileAttachmentSchemeHandler.h"
 #include "host/VMAttachmentTransferManager.h"
@@ -312,6 +313,16 @@ TEST_F(CloudAttachmentRecoveryTest, CachedCopiesAreStoredAgainAndTheRestReported
   EXPECT_LT(at("Finished file attachments recovery pass..."),
             at("Starting transfers recovery pass..."));
   EXPECT_EQ(context_->attachmentCache()->maxCacheSize(), 3 * cache_size);
+  for (const TelemetryEvent& event : sink_->events()) {
+    SCOPED_TRACE(event.message);
+    bool on_error_facility = event.message.starts_with("not in file attachments cache") ||
+                             event.message.starts_with("error storing");
+    EXPECT_EQ(event.facility, on_error_facility ? AttachmentRecoveryTelemetry::errorFacility()
+                                                : AttachmentRecoveryTelemetry::logFacility());
+    EXPECT_EQ(event.level, event.facility->logLevel());
+    EXPECT_TRUE(event.extra.empty());
+    EXPECT_TRUE(event.skipCache);
+  }
 }
 
 TEST_F(CloudAttachmentRecoveryTest, AFailedFetchNeverCallsTheCompletion) {
