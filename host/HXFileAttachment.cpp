@@ -71,6 +71,8 @@ void HXFileAttachment::setUploaded(std::optional<bool> value) {
   markChanged();
 }
 
+std::string HXFileAttachment::attachmentID() const { return attachmentUUID().value_or(""); }
+
 std::optional<std::string> HXFileAttachment::attachmentUUID() const {
   std::lock_guard lock(mu_);
   return attachment_uuid_;

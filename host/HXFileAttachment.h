@@ -60,6 +60,9 @@ class HXFileAttachment : public HXRecord {
 
   std::optional<std::string> attachmentUUID() const;
   void setAttachmentUUID(std::optional<std::string> uuid);
+  // The identifier the transfer manager and the cloud service know the record by: its
+  // attachmentUUID, empty when it has none.
+  std::string attachmentID() const;
   std::optional<std::string> initialAttachmentUUID() const;
   void setInitialAttachmentUUID(std::optional<std::string> uuid);
 
@@ -94,7 +97,8 @@ class HXFileAttachment : public HXRecord {
   void setAssociatedObject(const void* key, std::any value);
 
   // Host operations. The defaults: store fails with "not supported", refresh and
-  // missing-details updates do nothing.
+  // missing-details updates do nothing. refreshIfNeeded re-reads the record's values when
+  // its stored row changed through another connection, keeping unsaved local changes.
   virtual bool storeAttachmentWithError(ErrorRef* error);
   virtual void refreshIfNeeded() {}
   virtual void updateMissingDetailsFromURL(const std::filesystem::path& url);

@@ -13,7 +13,7 @@ std::shared_ptr<VMAttachmentTransferObject>
 VMAttachmentTransferObject::attachmentObjectWithAttachment(
     std::shared_ptr<HXFileAttachment> attachment,
     std::shared_ptr<HXFileAttachmentTransferDelegate> delegate, std::uint64_t operation_type) {
-  std::string id = attachment ? attachment->attachmentUUID().value_or("") : "";
+  std::string id = attachment ? attachment->attachmentID() : "";
   return std::make_shared<VMAttachmentTransferObject>(std::move(attachment), std::move(delegate),
                                                       operation_type, std::move(id));
 }

@@ -66,4 +66,27 @@ echo "downloaded copy is identical"
 say cloud delete "$uuid"
 
 echo
+echo "Storing through the cloud scheme encrypts the file, uploads it and keeps a cached copy;"
+echo "retrieving downloads, checks and decrypts it, and copies it out:"
+id=$(vmattach store "$demo/files/scan.bin" --scheme cloud)
+printf '\n$ vmattach store %s --scheme cloud\n%s\n' "$demo/files/scan.bin" "$id"
+say show "$id"
+mkdir -p "$demo/from-cloud"
+say retrieve "$id" --to "$demo/from-cloud"
+cmp "$demo/files/scan.bin" "$demo/from-cloud/scan.bin"
+echo "retrieved copy is identical"
+echo
+echo "A folder is packed into one archive first, and comes back as a folder:"
+mkdir -p "$demo/files/Project/docs"
+printf 'Plan\n' >"$demo/files/Project/docs/plan.txt"
+printf '#!/bin/sh\necho built\n' >"$demo/files/Project/build.sh"
+id=$(vmattach store "$demo/files/Project" --scheme cloud)
+printf '\n$ vmattach store %s --scheme cloud\n%s\n' "$demo/files/Project" "$id"
+say retrieve "$id" --to "$demo/from-cloud"
+diff -r "$demo/files/Project" "$demo/from-cloud/Project"
+echo "retrieved folder is identical"
+say transfers
+say delete "$id"
+
+echo
 echo "demo finished"

@@ -171,6 +171,7 @@ bool VMCAttachment::storeFile(const fs::path& file, const std::string& /*at_path
 void VMCAttachment::createUploadOperationForTransferObject(
     const std::shared_ptr<VMAttachmentTransferObject>& transfer,
     const std::shared_ptr<HXFileAttachmentTransferDelegate>& delegate) {
+  if (!transfer) return;
   auto operation = std::make_shared<UploadCloudAttachmentOperation>(
       authToken().value_or(AuthToken("")), transfer->attachmentPath());
   transfer->setProgress(operation->progress());
@@ -221,7 +222,7 @@ void VMCAttachment::uploadFinished(const UploadCloudAttachmentOperation& operati
 }
 
 bool VMCAttachment::resumeUpload(const std::shared_ptr<VMAttachmentTransferObject>& transfer) {
-  createUploadOperationForTransferObject(transfer, transfer->delegate());
+  if (transfer) createUploadOperationForTransferObject(transfer, transfer->delegate());
   return true;
 }
 
@@ -250,12 +251,7 @@ bool VMCAttachment::retrieveAttachment(
   if (uuid && !IsSingleComponent(uuid)) {
     return failPreparingDownload(attachment, PosixError(EINVAL, download_folder), error);
   }
-  if (uuid) {
-    download_folder /= *uuid;
-    // The operation writes beside the transfer path, so the folder must be there; when it
-    // cannot be made, the download fails with the reason.
-    MakePrivateFolders(download_folder, nullptr);
-  }
+  if (uuid) download_folder /= *uuid;
   std::string transfer_path = (download_folder / kDownloadFileName).string();
 
   std::shared_ptr<HXFileAttachmentTransferDelegate> used_delegate = delegate;
@@ -293,6 +289,7 @@ bool VMCAttachment::failPreparingDownload(const std::shared_ptr<HXFileAttachment
 void VMCAttachment::createDownloadOperationForTransferObject(
     const std::shared_ptr<VMAttachmentTransferObject>& transfer,
     const std::shared_ptr<HXFileAttachmentTransferDelegate>& delegate) {
+  if (!transfer) return;
   std::shared_ptr<HXFileAttachment> attachment = transfer->attachment();
   auto self = std::static_pointer_cast<VMCAttachment>(shared_from_this());
   std::optional<std::string> uuid = attachment && attachment->attachmentUUID()
@@ -305,6 +302,10 @@ void VMCAttachment::createDownloadOperationForTransferObject(
         [self, delegate, failure] { SendGotError(delegate.get(), self.get(), failure); });
     return;
   }
+  // The operation writes beside the transfer path, so its folder must be there (again,
+  // after a restart that emptied the temporary folder); when it cannot be made, the
+  // download fails with the reason.
+  MakePrivateFolders(transfer->attachmentPath().parent_path(), nullptr);
   auto operation = std::make_shared<DownloadCloudAttachmentOperation>(
       authToken().value_or(AuthToken("")), *uuid, transfer->attachmentPath());
   transfer->setProgress(operation->progress());

@@ -25,13 +25,13 @@
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
-#include <random>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "BWFoundation/ServerEnvironment.h"
 #include "VMAttachments/CloudAttachmentOperation.h"
+#include "bench/cloud/BenchProcess.h"
 #include "platform/DispatchQueue.h"
 #include "platform/Operation.h"
 #include "platform/UniqueID.h"
@@ -169,53 +169,9 @@ int Client(const std::string& api, const fs::path& file, const fs::path& out) {
 
 // ---- The driver ---------------------------------------------------------------------------
 
-struct Finished {
-  std::string output;
-  double seconds = 0;
-  long peak_kib = 0;
-  int status = -1;
-};
-
-// Runs `argv` to its end; returns its standard output, wall time and peak resident size.
-Finished Run(const std::vector<std::string>& argv) {
-  int out[2];
-  if (::pipe(out) != 0) return {};
-  auto start = Clock::now();
-  pid_t pid = ::fork();
-  if (pid == 0) {
-    ::dup2(out[1], STDOUT_FILENO);
-    ::close(out[0]);
-    ::close(out[1]);
-    std::vector<char*> args;
-    for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-    args.push_back(nullptr);
-    ::execv(args[0], args.data());
-    ::_exit(127);
-  }
-  ::close(out[1]);
-  Finished finished;
-  char buffer[4096];
-  ssize_t got;
-  while ((got = ::read(out[0], buffer, sizeof(buffer))) > 0) finished.output.append(buffer, got);
-  ::close(out[0]);
-  int status = 0;
-  struct rusage usage {};
-  ::wait4(pid, &status, 0, &usage);
-  finished.seconds = std::chrono::duration<double>(Clock::now() - start).count();
-  finished.peak_kib = usage.ru_maxrss;
-  finished.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return finished;
-}
-
-void MakeFile(const fs::path& path, std::size_t mib) {
-  std::vector<char> chunk(1 << 20);
-  std::mt19937_64 random(42);
-  std::ofstream file(path, std::ios::binary);
-  for (std::size_t i = 0; i < mib; ++i) {
-    for (auto& c : chunk) c = static_cast<char>(random());
-    file.write(chunk.data(), static_cast<std::streamsize>(chunk.size()));
-  }
-}
+using vm::bench::Finished;
+using vm::bench::MakeFile;
+using vm::bench::Run;
 
 struct Best {
   double ours_up = 1e9, ours_down = 1e9, curl_up = 1e9, curl_down = 1e9;

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 #include <sys/stat.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <nlohmann/json.hpp>
@@ -178,8 +179,15 @@ class SqliteFileAttachment : public HXFileAttachment {
     if (name().empty()) setName(url.filename().string());
   }
 
+  void refreshIfNeeded() override { host_->refreshAttachment(*this); }
+
+  // The database's data_version when the row was last read; -1 when never read.
+  std::int64_t readVersion() const { return read_version_.load(); }
+  void setReadVersion(std::int64_t version) { read_version_.store(version); }
+
  private:
   SqliteObjectContext* host_;
+  std::atomic<std::int64_t> read_version_{-1};
 };
 
 }  // namespace
@@ -371,25 +379,39 @@ std::shared_ptr<HXFileAttachmentScheme> SqliteObjectContext::insertScheme(
 }
 
 std::shared_ptr<HXRecord> SqliteObjectContext::recordFromRow(std::string_view entity_name,
-                                                             SqliteStatement& row) {
+                                                             SqliteStatement& row,
+                                                             std::int64_t data_version) {
+  int key_column = -1;
+  for (int i = 0; i < row.columnCount(); ++i) {
+    if (row.columnName(i) == "_rowid") key_column = i;
+  }
+  std::uint64_t key = static_cast<std::uint64_t>(row.columnInt(key_column));
+  auto map_key = std::make_pair(std::string(entity_name), key);
+  if (auto it = records_.find(map_key); it != records_.end()) return it->second;
+
+  std::shared_ptr<HXRecord> record = makeRecord(entity_name, key);
+  applyRow(*record, row);
+  if (auto* attachment = dynamic_cast<SqliteFileAttachment*>(record.get())) {
+    attachment->setReadVersion(data_version);
+  }
+  records_[map_key] = record;
+  return record;
+}
+
+void SqliteObjectContext::applyRow(HXRecord& record, SqliteStatement& row) {
   std::map<std::string, int> columns;
   for (int i = 0; i < row.columnCount(); ++i) columns[row.columnName(i)] = i;
   auto column = [&columns](const char* name) {
     auto it = columns.find(name);
     return it == columns.end() ? -1 : it->second;
   };
-  std::uint64_t key = static_cast<std::uint64_t>(row.columnInt(column("_rowid")));
-  auto map_key = std::make_pair(std::string(entity_name), key);
-  if (auto it = records_.find(map_key); it != records_.end()) return it->second;
-
-  std::shared_ptr<HXRecord> record = makeRecord(entity_name, key);
   auto text = [&](const char* name) { return row.columnText(column(name)); };
   auto optional_text = [&](const char* name) { return row.columnOptionalText(column(name)); };
   auto optional_date = [&](const char* name) -> std::optional<Date> {
     if (row.isNull(column(name))) return std::nullopt;
     return FromNanoseconds(row.columnInt(column(name)));
   };
-  if (auto* attachment = dynamic_cast<HXFileAttachment*>(record.get())) {
+  if (auto* attachment = dynamic_cast<HXFileAttachment*>(&record)) {
     attachment->setName(text("name"));
     attachment->setAttachmentPath(text("attachmentPath"));
     attachment->setIsRelativePath(row.columnInt(column("isRelativePath")) != 0);
@@ -403,10 +425,14 @@ std::shared_ptr<HXRecord> SqliteObjectContext::recordFromRow(std::string_view en
     attachment->setAttachmentUUID(optional_text("attachmentUUID"));
     attachment->setInitialAttachmentUUID(optional_text("initialAttachmentUUID"));
     attachment->setTemporaryPath(optional_text("temporaryPath"));
-    if (!row.isNull(column("encryptionData"))) {
+    if (row.isNull(column("encryptionData"))) {
+      attachment->setEncryptionData(std::nullopt);
+    } else {
       attachment->setEncryptionData(row.columnBlob(column("encryptionData")));
     }
-    if (!row.isNull(column("fileAttachmentSchemeID"))) {
+    if (row.isNull(column("fileAttachmentSchemeID"))) {
+      attachment->setFileAttachmentScheme(nullptr);
+    } else {
       auto scheme_id = static_cast<std::uint64_t>(row.columnInt(column("fileAttachmentSchemeID")));
       if (auto scheme = schemeWithPrimaryKey(scheme_id)) {
         attachment->setFileAttachmentScheme(scheme);
@@ -415,21 +441,48 @@ std::shared_ptr<HXRecord> SqliteObjectContext::recordFromRow(std::string_view en
       }
     }
     attachment->setModifyDate(FromNanoseconds(row.columnInt(column("modifyDate"))));
+    // A refresh must drop keys the stored row no longer has.
+    for (const auto& entry : attachment->keyedValues())
+      attachment->setObject(std::nullopt, entry.first);
     DecodeKeyedValues(text("keyedValues"), *attachment);
-  } else if (auto* scheme = dynamic_cast<HXFileAttachmentScheme*>(record.get())) {
+  } else if (auto* scheme = dynamic_cast<HXFileAttachmentScheme*>(&record)) {
     scheme->setName(text("name"));
     scheme->setHandlerClassName(text("handlerClassName"));
     if (!row.isNull(column("infoData"))) scheme->setInfoData(row.columnBlob(column("infoData")));
-  } else if (auto* task = dynamic_cast<HXTask*>(record.get())) {
+  } else if (auto* task = dynamic_cast<HXTask*>(&record)) {
     task->setTitle(text("title"));
     task->setDetails(text("details"));
     task->setDueDate(row.columnInt(column("dueDate")));
-  } else if (auto* email = dynamic_cast<HXEmail*>(record.get())) {
+  } else if (auto* email = dynamic_cast<HXEmail*>(&record)) {
     email->setSubject(text("subject"));
   }
-  record->clearChanges();
-  records_[map_key] = record;
-  return record;
+  record.clearChanges();
+}
+
+std::int64_t SqliteObjectContext::dataVersion() {
+  auto statement = db_->prepare("PRAGMA data_version", nullptr);
+  if (!statement || !statement->step(nullptr)) return -1;
+  return statement->columnInt(0);
+}
+
+void SqliteObjectContext::refreshAttachment(HXFileAttachment& attachment) {
+  auto* record = dynamic_cast<SqliteFileAttachment*>(&attachment);
+  if (record == nullptr) return;
+  std::lock_guard lock(mu_);
+  const auto map_key =
+      std::make_pair(std::string(HXFileAttachment::kEntityName), record->primaryKeyValue());
+  // Unsaved local changes win: a refresh never loses what the caller has not saved yet.
+  if (record->hasChanges() || unsaved_inserts_.count(map_key) != 0) return;
+  // data_version moves only when another connection commits, so an unchanged value means
+  // the row is as this context last read or wrote it.
+  const std::int64_t version = dataVersion();
+  if (version >= 0 && version == record->readVersion()) return;
+  auto statement = db_->prepare("SELECT * FROM attachments WHERE _rowid = ?", nullptr);
+  if (!statement) return;
+  statement->bindInt(1, static_cast<std::int64_t>(record->primaryKeyValue()));
+  if (!statement->step(nullptr)) return;  // the row is gone: keep what the record holds
+  applyRow(*record, *statement);
+  record->setReadVersion(version);
 }
 
 FetchResults SqliteObjectContext::fetch(const BWPFetchRequest& request, ErrorRef* error) {
@@ -462,9 +515,13 @@ FetchResults SqliteObjectContext::fetch(const BWPFetchRequest& request, ErrorRef
   for (std::size_t i = 0; i < arguments.size(); ++i) {
     statement->bind(static_cast<int>(i + 1), arguments[i]);
   }
+  // Taken before the rows are read, so that a commit racing the read shows as a change.
+  const std::int64_t data_version = dataVersion();
   FetchResults results;
   ErrorRef failure;
-  while (statement->step(&failure)) results.push_back(recordFromRow(spec.entityName, *statement));
+  while (statement->step(&failure)) {
+    results.push_back(recordFromRow(spec.entityName, *statement, data_version));
+  }
   if (failure) {
     Fail(error, failure);
     return {};

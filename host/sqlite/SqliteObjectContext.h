@@ -122,6 +122,9 @@ class SqliteObjectContext : public HXObjectContext, public HXInstanceCache {
   // fails.
   bool performTransaction(const std::function<bool(SqliteDatabase&, ErrorRef*)>& body,
                           ErrorRef* error);
+  // Re-reads a record of this context whose row another connection changed since it was
+  // read; a record with unsaved changes is left alone. The records' refreshIfNeeded().
+  void refreshAttachment(HXFileAttachment& attachment);
 
  private:
   SqliteObjectContext(std::filesystem::path data_dir, std::unique_ptr<SqliteDatabase> db);
@@ -134,7 +137,13 @@ class SqliteObjectContext : public HXObjectContext, public HXInstanceCache {
   std::shared_ptr<HXRecord> createObject(std::string_view entity_name, bool insert,
                                          ErrorRef* error);
   std::shared_ptr<HXRecord> makeRecord(std::string_view entity_name, std::uint64_t key);
-  std::shared_ptr<HXRecord> recordFromRow(std::string_view entity_name, SqliteStatement& row);
+  // The record of a fetched row: the loaded one when there is one, else a new record.
+  std::shared_ptr<HXRecord> recordFromRow(std::string_view entity_name, SqliteStatement& row,
+                                          std::int64_t data_version);
+  // Sets the record's attributes to the row's and clears its changes.
+  void applyRow(HXRecord& record, SqliteStatement& row);
+  // PRAGMA data_version: changes whenever another connection commits; -1 on failure.
+  std::int64_t dataVersion();
   bool writeRecord(HXRecord& record, ErrorRef* error);
   FetchResults fetch(const BWPFetchRequest& request, ErrorRef* error);
 

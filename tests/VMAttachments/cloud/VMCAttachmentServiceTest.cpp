@@ -91,29 +91,27 @@ struct Services {
 
 Services* services = nullptr;
 
+std::string Hex(const unsigned char* bytes, std::size_t size) {
+  static constexpr char kHex[] = "0123456789abcdef";
+  std::string out;
+  for (std::size_t i = 0; i < size; ++i) {
+    out += kHex[bytes[i] >> 4];
+    out += kHex[bytes[i] & 15];
+  }
+  return out;
+}
+
 std::string Sha1Hex(const std::string& bytes) {
   unsigned char digest[EVP_MAX_MD_SIZE];
   unsigned int length = 0;
   EVP_Digest(bytes.data(), bytes.size(), digest, &length, EVP_sha1(), nullptr);
-  static constexpr char kHex[] = "0123456789abcdef";
-  std::string out;
-  for (unsigned int i = 0; i < length; ++i) {
-    out += kHex[digest[i] >> 4];
-    out += kHex[digest[i] & 15];
-  }
-  return out;
+  return Hex(digest, length);
 }
 
 std::string Hex(const std::optional<KeyedValue>& value) {
   if (!value || !std::holds_alternative<Bytes>(*value)) return "(none)";
   const Bytes& bytes = std::get<Bytes>(*value);
-  static constexpr char kHex[] = "0123456789abcdef";
-  std::string out;
-  for (std::uint8_t b : bytes) {
-    out += kHex[b >> 4];
-    out += kHex[b & 15];
-  }
-  return out;
+  return Hex(bytes.data(), bytes.size());
 }
 
 // Every item under a folder: relative path -> "dir", or the SHA-1 of a file's bytes. The
@@ -130,7 +128,13 @@ std::map<std::string, std::string> Snapshot(const fs::path& root) {
 class CloudSchemeTest : public ::testing::Test {
  protected:
   // One fixture, so the services start once and stop (with their processes) at the end.
-  static void SetUpTestSuite() { services = new Services; }
+  static void SetUpTestSuite() {
+    services = new Services;
+    // The scheme's work and download folders live in the temporary folder and are left
+    // there by design; here they go with the suite's own folder.
+    fs::create_directories(services->dir / "tmp");
+    setenv("TMPDIR", (services->dir / "tmp").c_str(), 1);
+  }
   static void TearDownTestSuite() {
     delete services;
     services = nullptr;

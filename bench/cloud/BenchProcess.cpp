@@ -1,0 +1,54 @@
+#include "bench/cloud/BenchProcess.h"
+
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <fstream>
+#include <random>
+
+namespace vm::bench {
+
+Finished Run(const std::vector<std::string>& argv) {
+  int out[2];
+  if (::pipe(out) != 0) return {};
+  auto start = std::chrono::steady_clock::now();
+  pid_t pid = ::fork();
+  if (pid == 0) {
+    ::dup2(out[1], STDOUT_FILENO);
+    ::close(out[0]);
+    ::close(out[1]);
+    std::vector<char*> args;
+    for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+    args.push_back(nullptr);
+    ::execv(args[0], args.data());
+    ::_exit(127);
+  }
+  ::close(out[1]);
+  Finished finished;
+  char buffer[4096];
+  ssize_t got;
+  while ((got = ::read(out[0], buffer, sizeof(buffer))) > 0) finished.output.append(buffer, got);
+  ::close(out[0]);
+  int status = 0;
+  struct rusage usage {};
+  ::wait4(pid, &status, 0, &usage);
+  finished.seconds =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  finished.peak_kib = usage.ru_maxrss;
+  finished.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return finished;
+}
+
+void MakeFile(const std::filesystem::path& path, std::size_t mib) {
+  std::vector<char> chunk(1 << 20);
+  std::mt19937_64 random(42);
+  std::ofstream file(path, std::ios::binary);
+  for (std::size_t i = 0; i < mib; ++i) {
+    for (auto& c : chunk) c = static_cast<char>(random());
+    file.write(chunk.data(), static_cast<std::streamsize>(chunk.size()));
+  }
+}
+
+}  // namespace vm::bench

@@ -1,0 +1,27 @@
+#ifndef VM_BENCH_CLOUD_BENCHPROCESS_H_
+#define VM_BENCH_CLOUD_BENCHPROCESS_H_
+
+#include <cstddef>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace vm::bench {
+
+// What a child process left behind.
+struct Finished {
+  std::string output;  // its standard output
+  double seconds = 0;  // wall time from fork to exit
+  long peak_kib = 0;   // its peak resident size
+  int status = -1;     // exit status, -1 when it did not exit normally
+};
+
+// Runs `argv` (argv[0] a path) to its end in a child process.
+Finished Run(const std::vector<std::string>& argv);
+
+// Writes `mib` MiB of reproducible pseudo-random bytes to `path`.
+void MakeFile(const std::filesystem::path& path, std::size_t mib);
+
+}  // namespace vm::bench
+
+#endif  // VM_BENCH_CLOUD_BENCHPROCESS_H_

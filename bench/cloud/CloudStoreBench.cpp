@@ -1,0 +1,265 @@
+// Stores and retrieves a file through the cloud scheme with vmattach against a vmcloudd
+// on loopback, and measures in the same run the parts such a round trip is made of: the
+// encryption and the decryption pass of the scheme's processing (each in a process of its
+// own), and the curl tool's PUT and GET of the same number of bytes to the same service.
+// Prints the time ratio (vmattach store + retrieve) / (sum of the parts), goal at most
+// 1.1, and vmattach's peak resident memory per size, goal flat in the size and under
+// 64 MiB at 1 GiB.
+//
+//   cloud_store_bench [--sizes 256,1024] [--rounds 2] [--curl /usr/bin/curl]
+//   cloud_store_bench --process FILE WORKDIR   (one encryption and one decryption pass)
+
+#include <fmt/format.h>
+#include <httplib.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "VMAttachments/cloud/VMCAttachment.h"
+#include "VMAttachments/schemes/VMAttachmentSchemes.h"
+#include "bench/cloud/BenchProcess.h"
+#include "host/HXFileAttachmentScheme.h"
+#include "host/sqlite/SqliteObjectContext.h"
+#include "platform/UniqueID.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using vm::bench::Finished;
+using vm::bench::Run;
+namespace fs = std::filesystem;
+
+constexpr const char* kToken = "bench-token";
+constexpr const char* kCollection = "/v1/_internal/attachment";
+
+double Since(Clock::time_point start) {
+  return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+// ---- The processing passes, in a child process: prints "<encrypt s> <decrypt s>" -------
+
+int Process(const fs::path& file, const fs::path& work) {
+  vm::RegisterVMAttachmentsSchemeClasses();
+  vm::ErrorRef error;
+  auto context = vm::SqliteObjectContext::open(work / "data", &error);
+  if (!context) return 1;
+  auto scheme = context->insertScheme("cloud", std::string(vm::VMCAttachment::kClassName));
+  auto handler = std::dynamic_pointer_cast<vm::VMCAttachment>(scheme->schemeHandler());
+  auto attachment = context->insertAttachment();
+  attachment->setAttachmentUUID(vm::ToLower(vm::MakeUniqueID()));
+  attachment->setObject(std::int64_t{vm::VMCAttachment::kStorageTypePlainFile},
+                        vm::kHXFileAttachmentStorageTypeKey);
+  if (!handler) return 1;
+  const fs::path crypt = work / "crypt";
+  const fs::path plain = work / "plain";
+  std::ofstream(crypt).close();
+  std::ofstream(plain).close();
+  auto start = Clock::now();
+  bool ok = handler->processAttachment(attachment, file, crypt,
+                                       vm::VMCAttachment::kOperationEncrypt, &error);
+  double encrypt = Since(start);
+  start = Clock::now();
+  ok = ok && handler->processAttachment(attachment, crypt, plain,
+                                        vm::VMCAttachment::kOperationDecrypt, &error);
+  double decrypt = Since(start);
+  if (!ok || fs::file_size(plain) != fs::file_size(file)) {
+    fmt::print(stderr, "processing failed: {}\n", error ? error->summary() : "wrong size");
+    return 1;
+  }
+  fmt::print("{:.6f} {:.6f}\n", encrypt, decrypt);
+  return 0;
+}
+
+// ---- The driver ----------------------------------------------------------------------------
+
+struct Service {
+  pid_t pid = -1;
+  int port = 0;
+};
+
+Service StartService(const std::string& vmcloudd, const fs::path& folder) {
+  const fs::path log = folder.parent_path() / "vmcloudd.log";
+  Service service;
+  service.pid = ::fork();
+  if (service.pid == 0) {
+    FILE* out = std::fopen(log.c_str(), "w");
+    if (out) ::dup2(::fileno(out), STDOUT_FILENO);
+    ::execl(vmcloudd.c_str(), vmcloudd.c_str(), "--listen", "127.0.0.1:0", "--data", folder.c_str(),
+            "--token", kToken, static_cast<char*>(nullptr));
+    ::_exit(127);
+  }
+  const std::regex listening(R"(listening on 127\.0\.0\.1:(\d+))");
+  for (int i = 0; i < 200 && service.port == 0; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    std::ifstream in(log);
+    std::stringstream text;
+    text << in.rdbuf();
+    std::smatch match;
+    std::string s = text.str();
+    if (std::regex_search(s, match, listening)) service.port = std::stoi(match[1].str());
+  }
+  return service;
+}
+
+// curl's PUT and GET of `file` through the service's presigned addresses, as its own
+// figures (-w time_total, without its process start). False when a step fails.
+bool CurlRoundTrip(const std::string& curl, int port, const fs::path& file, const fs::path& out,
+                   double* put_seconds, double* get_seconds, long* peak_kib) {
+  httplib::Client api("127.0.0.1", port);
+  httplib::Headers headers = {{"Authorization", std::string("Velmora ") + kToken}};
+  const auto size = fs::file_size(file);
+  auto started =
+      api.Post(kCollection, headers, nlohmann::json{{"size", size}}.dump(), "application/json");
+  if (!started || started->status / 100 != 2) return false;
+  auto reply = nlohmann::json::parse(started->body, nullptr, false);
+  const std::string uuid = reply.value("uuid", "");
+  Finished put = Run({curl, "-sS", "-o", "/dev/null", "-w", "%{time_total}", "-T", file.string(),
+                      reply.value("upload_url", "")});
+  if (put.status != 0) return false;
+  const std::string resource = std::string(kCollection) + "/" + uuid;
+  auto confirmed =
+      api.Put(resource, headers,
+              nlohmann::json{{"uuid", uuid}, {"size", size}, {"state", "uploaded"}}.dump(),
+              "application/json");
+  auto info = api.Get(resource, headers);
+  if (!confirmed || confirmed->status / 100 != 2 || !info || info->status / 100 != 2) {
+    return false;
+  }
+  auto download = nlohmann::json::parse(info->body, nullptr, false);
+  Finished get = Run(
+      {curl, "-sS", "-o", out.string(), "-w", "%{time_total}", download.value("download_url", "")});
+  if (get.status != 0 || fs::file_size(out) != size) return false;
+  *put_seconds = std::stod(put.output);
+  *get_seconds = std::stod(get.output);
+  *peak_kib = std::max(put.peak_kib, get.peak_kib);
+  return true;
+}
+
+struct Best {
+  double store = 1e9, retrieve = 1e9, encrypt = 1e9, decrypt = 1e9, put = 1e9, get = 1e9;
+  long store_peak = 0, retrieve_peak = 0, curl_peak = 0;
+};
+
+int Drive(const std::string& self, const std::string& vmattach, const std::string& vmcloudd,
+          const std::vector<std::size_t>& sizes, int rounds, const std::string& curl) {
+  char pattern[] = "/tmp/vm-cloud-store-bench-XXXXXX";
+  if (::mkdtemp(pattern) == nullptr) return 1;
+  const fs::path work = pattern;
+  fs::create_directories(work / "service");
+  Service service = StartService(vmcloudd, work / "service");
+  if (service.port == 0) {
+    fmt::print(stderr, "vmcloudd did not start\n");
+    return 1;
+  }
+  const std::string data = (work / "data").string();
+  const std::string api = fmt::format("http://127.0.0.1:{}", service.port);
+  if (Run({vmattach, "--data-dir", data, "scheme", "add", "cloud", "--type", "cloud", "--api", api,
+           "--token", kToken})
+          .status != 0) {
+    return 1;
+  }
+
+  fmt::print("cloud store benchmark: vmattach store + retrieve against vmcloudd {}, best of {}\n",
+             api, rounds);
+  fmt::print("{:>8} {:>8} {:>8} {:>8} {:>8} {:>8} {:>8} {:>7} {:>10} {:>10} {:>9}\n", "size",
+             "store", "retrieve", "encrypt", "decrypt", "curl put", "curl get", "ratio", "store pk",
+             "retr. pk", "curl pk");
+  int failures = 0;
+  for (std::size_t mib : sizes) {
+    const fs::path file = work / fmt::format("payload-{}.bin", mib);
+    vm::bench::MakeFile(file, mib);
+    Best best;
+    for (int round = 0; round < rounds; ++round) {
+      const fs::path out = work / "out";
+      fs::remove_all(out);
+      fs::create_directories(out);
+      Finished store =
+          Run({vmattach, "--data-dir", data, "store", file.string(), "--scheme", "cloud"});
+      std::string id = store.output.substr(0, store.output.find('\n'));
+      Finished retrieve = Run({vmattach, "--data-dir", data, "retrieve", id, "--to", out.string()});
+      if (store.status != 0 || retrieve.status != 0 ||
+          fs::file_size(out / file.filename()) != fs::file_size(file)) {
+        fmt::print(stderr, "vmattach failed (store {}, retrieve {})\n", store.status,
+                   retrieve.status);
+        ++failures;
+        break;
+      }
+      Run({vmattach, "--data-dir", data, "delete", id});
+      fs::remove_all(out);
+
+      fs::create_directories(work / "process");
+      Finished passes = Run({self, "--process", file.string(), (work / "process").string()});
+      fs::remove_all(work / "process");
+      std::istringstream fields(passes.output);
+      double encrypt = 0, decrypt = 0;
+      double put = 0, get = 0;
+      long curl_peak = 0;
+      if (passes.status != 0 || !(fields >> encrypt >> decrypt) ||
+          !CurlRoundTrip(curl, service.port, file, work / "curl-out", &put, &get, &curl_peak)) {
+        fmt::print(stderr, "a reference part failed\n");
+        ++failures;
+        break;
+      }
+      fs::remove(work / "curl-out");
+      best.store = std::min(best.store, store.seconds);
+      best.retrieve = std::min(best.retrieve, retrieve.seconds);
+      best.encrypt = std::min(best.encrypt, encrypt);
+      best.decrypt = std::min(best.decrypt, decrypt);
+      best.put = std::min(best.put, put);
+      best.get = std::min(best.get, get);
+      best.store_peak = std::max(best.store_peak, store.peak_kib);
+      best.retrieve_peak = std::max(best.retrieve_peak, retrieve.peak_kib);
+      best.curl_peak = std::max(best.curl_peak, curl_peak);
+    }
+    const double parts = best.encrypt + best.decrypt + best.put + best.get;
+    fmt::print(
+        "{:>4} MiB {:>7.3f}s {:>7.3f}s {:>7.3f}s {:>7.3f}s {:>7.3f}s {:>7.3f}s {:>7.3f} {:>6.1f} "
+        "MiB "
+        "{:>6.1f} MiB {:>5.1f} MiB\n",
+        mib, best.store, best.retrieve, best.encrypt, best.decrypt, best.put, best.get,
+        (best.store + best.retrieve) / parts, best.store_peak / 1024.0, best.retrieve_peak / 1024.0,
+        best.curl_peak / 1024.0);
+    fs::remove(file);
+  }
+  fmt::print(
+      "ratio = (store + retrieve, whole vmattach processes) / (encrypt + decrypt + curl put + "
+      "curl get), goal <= 1.1; peaks are resident high-water marks of the processes\n");
+  ::kill(service.pid, SIGTERM);
+  ::waitpid(service.pid, nullptr, 0);
+  std::error_code ignored;
+  fs::remove_all(work, ignored);
+  return failures == 0 ? 0 : 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::vector<std::string> args(argv + 1, argv + argc);
+  if (args.size() == 3 && args[0] == "--process") return Process(args[1], args[2]);
+  std::vector<std::size_t> sizes = {256, 1024};
+  int rounds = 2;
+  std::string curl = "/usr/bin/curl";
+  for (std::size_t i = 0; i + 1 < args.size(); i += 2) {
+    if (args[i] == "--rounds") rounds = std::max(1, std::atoi(args[i + 1].c_str()));
+    if (args[i] == "--curl") curl = args[i + 1];
+    if (args[i] == "--sizes") {
+      sizes.clear();
+      std::istringstream list(args[i + 1]);
+      std::string item;
+      while (std::getline(list, item, ',')) sizes.push_back(std::stoul(item));
+    }
+  }
+  return Drive(fs::read_symlink("/proc/self/exe").string(), VM_VMATTACH_PATH, VM_VMCLOUDD_PATH,
+               sizes, rounds, curl);
+}

@@ -1,0 +1,49 @@
+// A TCP proxy on loopback for the vmattach transfer tests: forwards every connection to
+// the address written in TARGET_FILE ("host:port", read per connection, so the proxy can
+// start before the server it fronts), holds the client-to-server direction to the rate in
+// RATE_FILE (bytes per second, read per chunk; 0 or missing: no limit) and keeps the count
+// of bytes sent upstream in COUNT_FILE. Prints "listening on 127.0.0.1:PORT".
+//
+// usage: node throttle_proxy.js TARGET_FILE RATE_FILE COUNT_FILE
+'use strict';
+const fs = require('fs');
+const net = require('net');
+
+const [targetFile, rateFile, countFile] = process.argv.slice(2);
+let forwarded = 0;
+
+function readRate() {
+  try {
+    return Number(fs.readFileSync(rateFile, 'utf8').trim()) || 0;
+  } catch {
+    return 0;
+  }
+}
+
+const server = net.createServer((client) => {
+  const [host, port] = fs.readFileSync(targetFile, 'utf8').trim().split(':');
+  const upstream = net.connect(Number(port), host);
+  const close = () => {
+    client.destroy();
+    upstream.destroy();
+  };
+  client.on('error', close);
+  upstream.on('error', close);
+  upstream.on('close', () => client.destroy());
+  client.on('end', () => upstream.end());
+  upstream.pipe(client);
+  client.on('data', (chunk) => {
+    upstream.write(chunk);
+    forwarded += chunk.length;
+    const rate = readRate();
+    if (rate > 0) {
+      client.pause();
+      setTimeout(() => client.resume(), (chunk.length * 1000) / rate);
+    }
+  });
+});
+
+setInterval(() => fs.writeFileSync(countFile, String(forwarded)), 100);
+server.listen(0, '127.0.0.1', () => {
+  console.log(`listening on 127.0.0.1:${server.address().port}`);
+});
