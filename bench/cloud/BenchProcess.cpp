@@ -4,9 +4,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
+#include <cstdlib>
 #include <fstream>
 #include <random>
+#include <sstream>
 
 namespace vm::bench {
 
@@ -39,6 +42,19 @@ Finished Run(const std::vector<std::string>& argv) {
   finished.peak_kib = usage.ru_maxrss;
   finished.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   return finished;
+}
+
+void ParseSizeOptions(const std::vector<std::string>& args, SizeOptions* options) {
+  for (std::size_t i = 0; i + 1 < args.size(); i += 2) {
+    if (args[i] == "--rounds") options->rounds = std::max(1, std::atoi(args[i + 1].c_str()));
+    if (args[i] == "--curl") options->curl = args[i + 1];
+    if (args[i] == "--sizes") {
+      options->sizes.clear();
+      std::istringstream list(args[i + 1]);
+      std::string item;
+      while (std::getline(list, item, ',')) options->sizes.push_back(std::stoul(item));
+    }
+  }
 }
 
 void MakeFile(const std::filesystem::path& path, std::size_t mib) {

@@ -19,6 +19,15 @@ struct Finished {
 // Runs `argv` (argv[0] a path) to its end in a child process.
 Finished Run(const std::vector<std::string>& argv);
 
+// The options both cloud benchmarks take: --sizes MIB,MIB... --rounds N --curl PATH. Fields
+// not named in `args` keep the values they came with.
+struct SizeOptions {
+  std::vector<std::size_t> sizes;
+  int rounds = 1;
+  std::string curl = "/usr/bin/curl";
+};
+void ParseSizeOptions(const std::vector<std::string>& args, SizeOptions* options);
+
 // Writes `mib` MiB of reproducible pseudo-random bytes to `path`.
 void MakeFile(const std::filesystem::path& path, std::size_t mib);
 

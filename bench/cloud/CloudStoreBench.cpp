@@ -247,19 +247,10 @@ int Drive(const std::string& self, const std::string& vmattach, const std::strin
 int main(int argc, char** argv) {
   std::vector<std::string> args(argv + 1, argv + argc);
   if (args.size() == 3 && args[0] == "--process") return Process(args[1], args[2]);
-  std::vector<std::size_t> sizes = {256, 1024};
-  int rounds = 2;
-  std::string curl = "/usr/bin/curl";
-  for (std::size_t i = 0; i + 1 < args.size(); i += 2) {
-    if (args[i] == "--rounds") rounds = std::max(1, std::atoi(args[i + 1].c_str()));
-    if (args[i] == "--curl") curl = args[i + 1];
-    if (args[i] == "--sizes") {
-      sizes.clear();
-      std::istringstream list(args[i + 1]);
-      std::string item;
-      while (std::getline(list, item, ',')) sizes.push_back(std::stoul(item));
-    }
-  }
+  vm::bench::SizeOptions options;
+  options.sizes = {256, 1024};
+  options.rounds = 2;
+  vm::bench::ParseSizeOptions(args, &options);
   return Drive(fs::read_symlink("/proc/self/exe").string(), VM_VMATTACH_PATH, VM_VMCLOUDD_PATH,
-               sizes, rounds, curl);
+               options.sizes, options.rounds, options.curl);
 }

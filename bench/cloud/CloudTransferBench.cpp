@@ -264,18 +264,10 @@ int main(int argc, char** argv) {
   std::vector<std::string> args(argv + 1, argv + argc);
   if (args.size() == 4 && args[0] == "--client") return Client(args[1], args[2], args[3]);
   if (args.size() == 2 && args[0] == "--serve") return Serve(args[1], STDOUT_FILENO);
-  std::vector<std::size_t> sizes = {32, 256};
-  int rounds = 3;
-  std::string curl = "/usr/bin/curl";
-  for (std::size_t i = 0; i + 1 < args.size(); i += 2) {
-    if (args[i] == "--rounds") rounds = std::max(1, std::atoi(args[i + 1].c_str()));
-    if (args[i] == "--curl") curl = args[i + 1];
-    if (args[i] == "--sizes") {
-      sizes.clear();
-      std::istringstream list(args[i + 1]);
-      std::string item;
-      while (std::getline(list, item, ',')) sizes.push_back(std::stoul(item));
-    }
-  }
-  return Drive(fs::read_symlink("/proc/self/exe").string(), sizes, rounds, curl);
+  vm::bench::SizeOptions options;
+  options.sizes = {32, 256};
+  options.rounds = 3;
+  vm::bench::ParseSizeOptions(args, &options);
+  return Drive(fs::read_symlink("/proc/self/exe").string(), options.sizes, options.rounds,
+               options.curl);
 }

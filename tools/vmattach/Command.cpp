@@ -3,8 +3,8 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <cstdlib>
+#include <cstdio>
 #include <mutex>
 
 namespace vm::vmattach {

@@ -2,6 +2,7 @@
 #define VM_TOOLS_VMATTACH_COMMAND_H_
 
 #include <CLI/CLI.hpp>
+
 #include <filesystem>
 #include <functional>
 #include <memory>
