@@ -27,24 +27,28 @@ for preset in $presets; do
   total_failed=$((total_failed + failed))
 done
 
-# A short run of the archive reader's fuzz target (clang, ASan + UBSan) from the seed
-# corpus; new inputs go to a scratch folder, crashes to build/fuzz/. VM_FUZZ_SECONDS sets
-# the length (0 skips it).
-fuzz_seconds=${VM_FUZZ_SECONDS:-45}
+# Short runs of the fuzz targets (clang, ASan + UBSan) from their seed corpora: the
+# archive reader, then the decryptor. New inputs go to a scratch folder, crashes to
+# build/fuzz/. VM_FUZZ_SECONDS sets each run's length (0 skips them).
+fuzz_seconds=${VM_FUZZ_SECONDS:-30}
 if [ "$fuzz_seconds" -gt 0 ]; then
-  echo "=== fuzz: archive reader, ${fuzz_seconds}s"
   cmake --preset fuzz >/dev/null
-  cmake --build --preset fuzz -j"$jobs" --target archive_reader_fuzzer
+  cmake --build --preset fuzz -j"$jobs" --target archive_reader_fuzzer decryptor_fuzzer
   fuzz_work=$(mktemp -d)
-  mkdir "$fuzz_work/corpus"
   trap 'rm -rf "$fuzz_work"' EXIT
-  # The target unpacks into a scratch folder under TMPDIR; keep that inside fuzz_work too.
-  if ! TMPDIR="$fuzz_work" build/fuzz/fuzz/archive_reader_fuzzer -max_total_time="$fuzz_seconds" \
-    -artifact_prefix=build/fuzz/ "$fuzz_work/corpus" fuzz/corpus/archive_reader >build/fuzz/archive_reader.log 2>&1; then
-    cat build/fuzz/archive_reader.log
-    exit 1
-  fi
-  tail -n 1 build/fuzz/archive_reader.log
+  for target in archive_reader decryptor; do
+    echo "=== fuzz: ${target}, ${fuzz_seconds}s"
+    mkdir "$fuzz_work/$target"
+    # The archive target unpacks into a scratch folder under TMPDIR; keep that inside
+    # fuzz_work too.
+    if ! TMPDIR="$fuzz_work" "build/fuzz/fuzz/${target}_fuzzer" -max_total_time="$fuzz_seconds" \
+      -artifact_prefix=build/fuzz/ "$fuzz_work/$target" "fuzz/corpus/$target" \
+      >"build/fuzz/$target.log" 2>&1; then
+      cat "build/fuzz/$target.log"
+      exit 1
+    fi
+    tail -n 1 "build/fuzz/$target.log"
+  done
 fi
 
 # One closing line for the whole run: test executables across every preset.

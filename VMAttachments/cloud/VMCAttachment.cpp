@@ -9,8 +9,12 @@
 #include <cerrno>
 #include <charconv>
 #include <chrono>
+#include <condition_variable>
 #include <memory>
+#include <mutex>
+#include <optional>
 #include <system_error>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -94,6 +98,67 @@ class Sha1 {
  private:
   EVP_MD_CTX* ctx_;
   bool ok_ = false;
+};
+
+// Hashes on a second thread while the caller works on the same bytes: the caller hands
+// over a range, goes on (encrypting that chunk, writing that output) and waits before it
+// reuses or frees the memory. One range is out at a time, so memory stays at one input
+// and one output chunk and the digests see the bytes in order.
+class BackgroundHasher {
+ public:
+  BackgroundHasher() : thread_([this] { run(); }) {}
+  ~BackgroundHasher() {
+    {
+      std::lock_guard<std::mutex> lock(mu_);
+      stop_ = true;
+    }
+    work_cv_.notify_one();
+    thread_.join();
+  }
+  BackgroundHasher(const BackgroundHasher&) = delete;
+  BackgroundHasher& operator=(const BackgroundHasher&) = delete;
+
+  void start(Sha1* digest, const std::uint8_t* bytes, std::size_t length) {
+    {
+      std::lock_guard<std::mutex> lock(mu_);
+      job_ = {digest, bytes, length};
+      pending_ = true;
+    }
+    work_cv_.notify_one();
+  }
+  void wait() {
+    std::unique_lock<std::mutex> lock(mu_);
+    done_cv_.wait(lock, [this] { return !pending_; });
+  }
+
+ private:
+  struct Job {
+    Sha1* digest = nullptr;
+    const std::uint8_t* bytes = nullptr;
+    std::size_t length = 0;
+  };
+
+  void run() {
+    std::unique_lock<std::mutex> lock(mu_);
+    for (;;) {
+      work_cv_.wait(lock, [this] { return pending_ || stop_; });
+      if (!pending_) return;
+      const Job job = job_;
+      lock.unlock();
+      job.digest->update(job.bytes, job.length);
+      lock.lock();
+      pending_ = false;
+      done_cv_.notify_one();
+    }
+  }
+
+  std::mutex mu_;
+  std::condition_variable work_cv_;
+  std::condition_variable done_cv_;
+  Job job_;
+  bool pending_ = false;
+  bool stop_ = false;
+  std::thread thread_;  // last: starts once the state above exists
 };
 
 ssize_t ReadSome(int fd, std::uint8_t* buffer, std::size_t length) {
@@ -327,6 +392,24 @@ bool VMCAttachment::processAttachment(const std::shared_ptr<HXFileAttachment>& a
 
   Sha1 input_digest;
   Sha1 output_digest;
+  // The digests run beside the cipher on a second core when one can be had; without a
+  // thread they run inline.
+  std::optional<BackgroundHasher> hasher;
+  try {
+    hasher.emplace();
+  } catch (const std::system_error&) {
+  }
+  auto hash = [&hasher](Sha1& digest, const std::uint8_t* bytes, std::size_t length) {
+    if (hasher) {
+      hasher->start(&digest, bytes, length);
+    } else {
+      digest.update(bytes, length);
+    }
+  };
+  auto hashed = [&hasher] {
+    if (hasher) hasher->wait();
+  };
+
   std::unique_ptr<std::uint8_t[]> chunk(new std::uint8_t[kProcessChunkSize]);
   // A read or write that fails, or a cipher step that fails, ends the stream: nothing
   // after the point of failure reaches the destination.
@@ -339,21 +422,26 @@ bool VMCAttachment::processAttachment(const std::shared_ptr<HXFileAttachment>& a
       break;
     }
     const auto read_length = static_cast<std::size_t>(got);
-    input_digest.update(chunk.get(), read_length);
+    hash(input_digest, chunk.get(), read_length);
     std::size_t length = read_length;
     CryptBuffer output = read_length > 0 ? cryptor->cryptChunk(chunk.get(), &length)
                                          : cryptor->cryptFinalChunkWithLength(&length);
+    hashed();
     if (!output) {
       cipher_failed = true;
       break;
     }
-    output_digest.update(output.get(), length);
-    if (!WriteAll(destination.get(), output.get(), length)) {
-      io_error = PosixError(errno, destination_url);
+    hash(output_digest, output.get(), length);
+    const bool written = WriteAll(destination.get(), output.get(), length);
+    const int write_errno = errno;
+    hashed();
+    if (!written) {
+      io_error = PosixError(write_errno, destination_url);
       break;
     }
     if (read_length == 0) break;
   }
+  hasher.reset();
   const Bytes input_hash = input_digest.finish();
   const Bytes output_hash = output_digest.finish();
 

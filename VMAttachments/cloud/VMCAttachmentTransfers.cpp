@@ -2,6 +2,18 @@
 // calls prepare and register work and queue cloud operations; every completion moves to
 // the main operation queue before it touches a record, the cache, the context or a
 // delegate.
+//
+// Who hears what is kept as the host expects it, asymmetries included ("given" is the
+// delegate passed to the call, or the one the transfer manager put in its place; "record"
+// is the attachment's own delegate):
+//   store:    every failure -> given, gotCriticalError, and the out-pointer
+//   upload:   start -> given; success and failure -> record
+//   retrieve: not uploaded -> given, later on the main queue, out-pointer untouched;
+//             registration refused -> record, out-pointer untouched; stale transfer file
+//             not removable -> record and the out-pointer; start, outcome -> given
+//   delete:   registration refused -> given, gotCriticalError, and the out-pointer;
+//             start -> given; outcome -> record (a resumed deletion: start -> the
+//             transfer's delegate, outcome -> record)
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/stat.h>

@@ -14,6 +14,7 @@
 #include <string>
 
 #include "BWFoundation/ServerEnvironment.h"
+#include "VMAttachments/cloud/VMCAttachment.h"
 #include "VMAttachments/schemes/VMAttachmentSchemes.h"
 #include "host/HXAttachmentCache.h"
 #include "host/HXFileAttachmentSchemeHandler.h"
@@ -249,6 +250,8 @@ TEST_F(CloudSchemeTest, FilesRoundTripEncrypted) {
     Store(attachment, source);
 
     EXPECT_EQ(attachment->uploaded(), std::optional<bool>(true));
+    EXPECT_EQ(attachment->objectForKeyedSubscript(kHXFileAttachmentStorageTypeKey),
+              std::optional<KeyedValue>(std::int64_t{1}));
     ASSERT_TRUE(attachment->attachmentUUID());
     const std::string uuid = *attachment->attachmentUUID();
     EXPECT_EQ(uuid, ToLower(uuid)) << "the service's UUID is kept in lower case";
@@ -366,10 +369,18 @@ TEST_F(CloudSchemeTest, DeletionRemovesTheServiceRecord) {
   WriteFile(source, "to be deleted");
   auto attachment = NewAttachment("old.txt");
   Store(attachment, source);
+  auto queued = NewAttachment("queued.txt");
+  Store(queued, source);
   const std::string uuid = *attachment->attachmentUUID();
+  const std::string queued_uuid = *queued->attachmentUUID();
   testing::ApiClient api{services->url(), kToken};
   ASSERT_EQ(api.info(ToUpper(uuid)).status, 200);
+  auto& cloud = dynamic_cast<VMCAttachment&>(*handler_);
+  cloud.setDeletionAttachments(
+      VMCAttachment::DeletionAttachments{{uuid, attachment}, {queued_uuid, queued}});
 
+  // An empty identifier stands for the record's UUID, also as the key that goes.
+  attachment->setDelegate(record_delegate_);
   auto delegate = std::make_shared<RecordingDelegate>();
   ErrorRef error;
   ASSERT_TRUE(deletion_->deleteAttachment(attachment, "", delegate, &error));
@@ -381,6 +392,19 @@ TEST_F(CloudSchemeTest, DeletionRemovesTheServiceRecord) {
   EXPECT_EQ(api.info(ToUpper(uuid)).status, 404);
   EXPECT_TRUE(services->storedObject(uuid).empty()) << "the bytes are gone too";
   EXPECT_FALSE(TransferOf(attachment, kTransferOperationDelete));
+  EXPECT_EQ(cloud.deletionAttachments()->count(uuid), 0u);
+
+  // A deletion the manager hands back runs the same request but leaves the map alone.
+  record_delegate_ = std::make_shared<RecordingDelegate>();
+  queued->setDelegate(record_delegate_);
+  ASSERT_TRUE(context_->attachmentTransferManager()->registerDeleteForAttachment(queued, &error));
+  ASSERT_TRUE(transfers_->resumeTransfer(TransferOf(queued, kTransferOperationDelete)));
+  ASSERT_TRUE(record_delegate_->waitUntilEnded(kTransferLimit));
+  EXPECT_EQ(record_delegate_->kinds(), (std::vector<std::string>{"willSend", "finished"}))
+      << "the record's delegate is the transfer's too: " << Summary(*record_delegate_);
+  EXPECT_EQ(api.info(ToUpper(queued_uuid)).status, 404);
+  EXPECT_FALSE(TransferOf(queued, kTransferOperationDelete));
+  EXPECT_EQ(cloud.deletionAttachments()->count(queued_uuid), 1u);
 
   auto never_uploaded = NewAttachment("never.txt");
   never_uploaded->setAttachmentUUID(std::nullopt);
@@ -434,6 +458,13 @@ TEST_F(CloudSchemeTest, FailedUploadStaysRegisteredAndResumes) {
   EXPECT_EQ(ReadFile(CacheFolder(*attachment) / "notes.txt"), "cached copy");
   EXPECT_FALSE(fs::exists(old_cache / "notes.txt"));
 
+  // What an earlier download left at the transfer path is cleared before the next one.
+  const fs::path leftover =
+      services->dir / "tmp" / "HXAttachmentCache" /
+      HXAttachmentCache::sharedCache()->relativeFilePathForObject(*attachment) /
+      *attachment->attachmentUUID() / "vmattachmentdownload";
+  fs::create_directories(leftover.parent_path());
+  WriteFile(leftover, "an earlier, broken download");
   auto back = std::make_shared<RecordingDelegate>();
   fs::remove(CacheFolder(*attachment) / "notes.txt");
   Retrieve(attachment, back);
