@@ -2,11 +2,16 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cerrno>
+#include <cstdio>
 #include <memory>
+#include <string>
+#include <vector>
 
 #include "platform/DispatchQueue.h"
 #include "platform/UniqueID.h"
@@ -99,8 +104,82 @@ int CopyBytes(int in, int out, FSOperationStatus& status,
   }
 }
 
+constexpr std::string_view kTemporaryPrefix = ".vmcopy-";
+constexpr std::size_t kTemporaryDigits = 16;
+
+std::string TemporaryName() {
+  std::string name(kTemporaryPrefix);
+  for (char c : MakeUniqueID()) {
+    if (c == '-') continue;
+    name += c;
+    if (name.size() == kTemporaryPrefix.size() + kTemporaryDigits) break;
+  }
+  return name;
+}
+
+bool SameFile(const struct stat& a, const struct stat& b) {
+  return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
+// Whether `path` still names the file open as `fd`.
+bool NamesOpenFile(const fs::path& path, int fd) {
+  struct stat open_st;
+  struct stat path_st;
+  return fstat(fd, &open_st) == 0 && lstat(path.c_str(), &path_st) == 0 &&
+         SameFile(open_st, path_st);
+}
+
+// Removes the temporary files in `folder` whose copy was killed: a running copy holds the
+// lock on its own, a dead one holds nothing.
+void RemoveAbandonedTemporaries(const fs::path& folder) {
+  std::vector<std::string> names;
+  if (DIR* dir = opendir(folder.c_str())) {
+    while (dirent* entry = readdir(dir)) {
+      if (bwIsCopyTemporaryName(entry->d_name)) names.emplace_back(entry->d_name);
+    }
+    closedir(dir);
+  }
+  for (const std::string& name : names) {
+    fs::path path = folder / name;
+    Fd fd(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct stat st;
+    if (fd.get() < 0 || fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) continue;
+    if (flock(fd.get(), LOCK_EX | LOCK_NB) != 0) continue;
+    // Only while the name is still that file: a finished copy renames its file away.
+    if (NamesOpenFile(path, fd.get())) unlink(path.c_str());
+  }
+}
+
+// Moves `temp` to `to` unless something other than an empty folder is there. Returns 0 or
+// errno (EEXIST when `to` is taken).
+int PlaceWithoutReplacing(const fs::path& temp, const fs::path& to) {
+  struct stat st;
+  if (lstat(to.c_str(), &st) == 0 && S_ISDIR(st.st_mode) && rmdir(to.c_str()) != 0) {
+    return errno == ENOTEMPTY ? EISDIR : errno;
+  }
+  if (renameat2(AT_FDCWD, temp.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) return 0;
+  if (errno != EINVAL && errno != ENOSYS && errno != EOPNOTSUPP) return errno;
+  // A file system without that rename: a hard link refuses an existing name just as surely.
+  if (link(temp.c_str(), to.c_str()) == 0) {
+    unlink(temp.c_str());
+    return 0;
+  }
+  if (errno == EEXIST) return EEXIST;
+  // Neither is offered (some network file systems): look, then rename.
+  if (lstat(to.c_str(), &st) == 0) return EEXIST;
+  return rename(temp.c_str(), to.c_str()) == 0 ? 0 : errno;
+}
+
+int PlaceReplacing(const fs::path& temp, const fs::path& to) {
+  // The placeholder folder, if the caller made one, gives way to the file.
+  struct stat st;
+  if (lstat(to.c_str(), &st) == 0 && S_ISDIR(st.st_mode) && rmdir(to.c_str()) != 0) return errno;
+  return rename(temp.c_str(), to.c_str()) == 0 ? 0 : errno;
+}
+
 struct CopyJob {
   FSFileOperation operation;
+  BWCopyExisting existing;
   BWCopyContext context;
   FSFileOperationStatusProcPtr callback;
   std::shared_ptr<Fd> source;
@@ -114,14 +193,35 @@ struct CopyJob {
     };
     const fs::path& to = operation.destination;
     fs::path folder = to.parent_path().empty() ? fs::path(".") : to.parent_path();
+    RemoveAbandonedTemporaries(folder);
+
     fs::path temp;
     Fd out;
-    for (int attempt = 0; attempt < 5 && out.get() < 0; ++attempt) {
-      temp = folder / ("." + to.filename().string() + ".vmcopy-" + MakeUniqueID().substr(0, 8));
-      out.adopt(open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
-      if (out.get() < 0 && errno != EEXIST) break;
+    // Holds the temporary file's lock until it has its final name; a dup shares the lock,
+    // so closing `out` early (to see a failed write) keeps the file protected.
+    Fd lock;
+    int open_error = EEXIST;
+    for (int attempt = 0; attempt < 5 && out.get() < 0 && open_error == EEXIST; ++attempt) {
+      temp = folder / TemporaryName();
+      int fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+      if (fd < 0) {
+        open_error = errno;
+        continue;
+      }
+      out.adopt(fd);
+      if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
+        // A cleaner holds it for a moment and removes it: take another name. A file system
+        // without locks gets none, and its cleaners cannot take one either.
+        if (errno == EWOULDBLOCK) out.reset();
+        continue;
+      }
+      if (!NamesOpenFile(temp, fd)) {
+        out.reset();  // removed by a cleaner between our open and our lock
+        continue;
+      }
+      lock.adopt(dup(fd));
     }
-    if (out.get() < 0) return report(kFSOperationStageComplete, errno);
+    if (out.get() < 0) return report(kFSOperationStageComplete, open_error);
 
     int error =
         CopyBytes(source->get(), out.get(), status, [&] { report(kFSOperationStageRunning, 0); });
@@ -132,47 +232,74 @@ struct CopyJob {
     }
     if (!out.reset() && error == 0) error = errno;
     source->reset();
-    // The placeholder folder, if the caller made one, gives way to the file.
-    struct stat st;
-    if (error == 0 && lstat(to.c_str(), &st) == 0 && S_ISDIR(st.st_mode) &&
-        rmdir(to.c_str()) != 0) {
-      error = errno;
+    if (error == 0) {
+      error = existing == BWCopyExisting::kKeep ? PlaceWithoutReplacing(temp, to)
+                                                : PlaceReplacing(temp, to);
     }
-    if (error == 0 && rename(temp.c_str(), to.c_str()) != 0) error = errno;
     if (error != 0) {
       unlink(temp.c_str());
+      lock.reset();
       return report(kFSOperationStageComplete, error);
     }
+    lock.reset();
     report(kFSOperationStageComplete, 0);
   }
 };
 
 }  // namespace
 
+bool bwIsCopyTemporaryName(std::string_view name) {
+  if (name.size() != kTemporaryPrefix.size() + kTemporaryDigits) return false;
+  if (name.substr(0, kTemporaryPrefix.size()) != kTemporaryPrefix) return false;
+  for (char c : name.substr(kTemporaryPrefix.size())) {
+    if (!std::isxdigit(static_cast<unsigned char>(c))) return false;
+  }
+  return true;
+}
+
 bool bwPerformAsyncCopyFromURL(const fs::path& from, const fs::path& to, BWCopyContext context,
                                FSFileOperationStatusProcPtr callback, ErrorRef* error) {
+  return bwPerformAsyncCopyFromURL(from, to, BWCopyExisting::kReplace, std::move(context), callback,
+                                   error);
+}
+
+bool bwPerformAsyncCopyFromURL(const fs::path& from, const fs::path& to, BWCopyExisting existing,
+                               BWCopyContext context, FSFileOperationStatusProcPtr callback,
+                               ErrorRef* error) {
   if (callback == nullptr || from.empty() || to.empty()) {
     return Fail(error, PosixError(EINVAL, from.empty() ? to : from));
   }
-  auto source = std::make_shared<Fd>(open(from.c_str(), O_RDONLY | O_CLOEXEC));
-  if (source->get() < 0) return Fail(error, PosixError(errno, from));
+  // Only a regular file is opened: opening a FIFO would wait for a writer, and a device may
+  // act on being opened. The open does not wait either, in case `from` changes meanwhile.
   struct stat st;
-  if (fstat(source->get(), &st) != 0) return Fail(error, PosixError(errno, from));
-  if (!S_ISREG(st.st_mode))
+  if (stat(from.c_str(), &st) != 0) return Fail(error, PosixError(errno, from));
+  if (!S_ISREG(st.st_mode)) {
     return Fail(error, PosixError(S_ISDIR(st.st_mode) ? EISDIR : EINVAL, from));
+  }
+  auto source = std::make_shared<Fd>(open(from.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  if (source->get() < 0) return Fail(error, PosixError(errno, from));
+  if (fstat(source->get(), &st) != 0) return Fail(error, PosixError(errno, from));
+  if (!S_ISREG(st.st_mode)) {
+    return Fail(error, PosixError(S_ISDIR(st.st_mode) ? EISDIR : EINVAL, from));
+  }
+  fcntl(source->get(), F_SETFL, fcntl(source->get(), F_GETFL) & ~O_NONBLOCK);
 
   fs::path folder = to.parent_path().empty() ? fs::path(".") : to.parent_path();
   struct stat folder_st;
   if (stat(folder.c_str(), &folder_st) != 0) return Fail(error, PosixError(errno, folder));
   if (!S_ISDIR(folder_st.st_mode)) return Fail(error, PosixError(ENOTDIR, folder));
   struct stat to_st;
-  if (lstat(to.c_str(), &to_st) == 0 && S_ISDIR(to_st.st_mode) && EmptyFolderState(to) != 1) {
-    return Fail(error, PosixError(EISDIR, to));
+  if (lstat(to.c_str(), &to_st) == 0) {
+    bool is_folder = S_ISDIR(to_st.st_mode);
+    if (is_folder && EmptyFolderState(to) != 1) return Fail(error, PosixError(EISDIR, to));
+    if (!is_folder && existing == BWCopyExisting::kKeep) {
+      return Fail(error, PosixError(EEXIST, to));
+    }
   }
 
-  auto job =
-      std::make_shared<CopyJob>(CopyJob{FSFileOperation{from, to}, std::move(context), callback,
-                                        std::move(source), static_cast<std::int64_t>(st.st_size)});
+  auto job = std::make_shared<CopyJob>(CopyJob{FSFileOperation{from, to}, existing,
+                                               std::move(context), callback, std::move(source),
+                                               static_cast<std::int64_t>(st.st_size)});
   BackgroundQueue().async([job] { job->run(); });
   return true;
 }

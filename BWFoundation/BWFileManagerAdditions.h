@@ -7,6 +7,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "platform/Error.h"
 
@@ -57,9 +58,29 @@ using FSFileOperationStatusProcPtr = void (*)(const FSFileOperation& operation,
 // `to` is replaced only once the copy is complete, so a failed copy leaves an existing
 // file there untouched. A `to` that exists as an empty folder is replaced by the file: a
 // caller may have made that folder as a placeholder for the file.
+//
+// The copy is written to a temporary file beside `to` named ".vmcopy-" and 16 hex digits
+// (the same length whatever `to` is called, so a name of the longest length still works).
+// The copy holds an exclusive flock on it while it runs; a temporary file of that form
+// whose lock can be taken belongs to a copy that was killed, and the next copy into the
+// same folder removes it.
 bool bwPerformAsyncCopyFromURL(const std::filesystem::path& from, const std::filesystem::path& to,
                                BWCopyContext context, FSFileOperationStatusProcPtr callback,
                                ErrorRef* error);
+
+// Whether a copy may replace a file already at its destination.
+enum class BWCopyExisting { kReplace, kKeep };
+
+// As above; with BWCopyExisting::kKeep the copy never replaces anything at `to` but an
+// empty folder: an existing file, symbolic link or other entry refuses the copy with EEXIST,
+// at the start when it is there already (return value), or when it appears while the copy
+// runs (the callback's status), and its bytes stay as they were.
+bool bwPerformAsyncCopyFromURL(const std::filesystem::path& from, const std::filesystem::path& to,
+                               BWCopyExisting existing, BWCopyContext context,
+                               FSFileOperationStatusProcPtr callback, ErrorRef* error);
+
+// Whether `name` has the form of the copy's temporary files.
+bool bwIsCopyTemporaryName(std::string_view name);
 
 // The local path under which `file` (a file or folder of a shared location) is reachable
 // now, or nullopt when it is not. Share locations on this platform are either local or

@@ -7,6 +7,8 @@
 #include <cstdlib>
 #include <map>
 
+#include "platform/SafeNames.h"
+
 namespace vm {
 namespace {
 
@@ -90,12 +92,15 @@ Log::Log(std::string subsystem, std::string category)
   logger_->set_level(spdlog::level::debug);
 }
 
-void Log::write(LogLevel level, std::string_view message) {
+void Log::write(LogLevel level, std::string_view raw_message) {
+  // Messages carry names and paths from records and servers: escaped, one can never forge
+  // a line of its own or drive the terminal.
+  std::string message = EscapeControlCharacters(raw_message);
   logger_->log(ToSpdlog(level), "{}", message);
   Registry& r = TheRegistry();
   std::lock_guard lock(r.mu);
   if (r.captures.empty()) return;
-  LogRecord record{subsystem_, category_, level, std::string(message)};
+  LogRecord record{subsystem_, category_, level, std::move(message)};
   for (LogCapture* capture : r.captures) capture->Add(record);
 }
 

@@ -13,6 +13,7 @@
 #include "host/HXObjectContext.h"
 #include "platform/DispatchQueue.h"
 #include "platform/ParsedURL.h"
+#include "platform/SafeNames.h"
 
 namespace vm {
 namespace {
@@ -24,22 +25,29 @@ bool FileExists(const fs::path& path) {
   return !path.empty() && stat(path.c_str(), &st) == 0;
 }
 
-// Makes `folder` and any missing parents with mode 0775.
-ErrorRef CreateFolders(const fs::path& folder) {
-  fs::path built;
-  for (const fs::path& part : folder) {
-    built /= part;
-    if (part == "/" || part.empty()) continue;
-    struct stat st;
-    if (stat(built.c_str(), &st) == 0) {
-      if (!S_ISDIR(st.st_mode)) return PosixError(ENOTDIR, built);
-      continue;
-    }
-    if (mkdir(built.c_str(), 0775) != 0 && errno != EEXIST) return PosixError(errno, built);
-    // The umask would narrow the mode; the folders are meant for the whole group.
-    chmod(built.c_str(), 0775);
-  }
-  return nullptr;
+ErrorRef NoStorageFolderError() {
+  Error::UserInfo info;
+  info.emplace(std::string(NSLocalizedDescriptionKey),
+               "No path set up in the Archiver Scheme preferences");
+  info.emplace(std::string(NSLocalizedRecoverySuggestionErrorKey),
+               "Review the preferences for the Archived Attachments storage preferences");
+  return Error::Make(kVMArchiverAttachmentDomain, 700, std::move(info));
+}
+
+// A storage folder setting that climbs with ".." is refused like a hostile name: it is
+// meant to be the one folder everything stays inside.
+ErrorRef CheckStorageFolder(const std::string& folder) {
+  std::string_view relative = folder;
+  while (!relative.empty() && relative.front() == '/') relative.remove_prefix(1);
+  return CheckRelativePath(relative, "storage folder");
+}
+
+// Where the attachment's record says it lives, relative to the storage folder; null when
+// that stays inside, else the refusal.
+ErrorRef CheckStoredLocation(const HXFileAttachment* attachment) {
+  if (!attachment) return PosixError(EINVAL);
+  if (ErrorRef error = CheckFileName(attachment->name(), "attachment name")) return error;
+  return CheckRelativePath(attachment->attachmentPath(), "attachment path");
 }
 
 }  // namespace
@@ -68,6 +76,7 @@ bool VMArchiverAttachment::mountShareReturningError(ErrorRef* error) {
 std::optional<fs::path> VMArchiverAttachment::attachmentURL(
     const std::shared_ptr<HXFileAttachment>& attachment) {
   std::string folder = shareFolderPath();
+  if (CheckStoredLocation(attachment.get()) || CheckStorageFolder(folder)) return std::nullopt;
   if (!folder.empty()) {
     fs::path path = StandardizePath(
         AppendPathComponent(PercentDecode(folder), attachment->attachmentPath()).string());
@@ -87,6 +96,15 @@ bool VMArchiverAttachment::retrieveAttachment(
   if (delegate) delegate->willReceiveAttachment(this, attachment, nullptr);
 
   std::string folder = shareFolderPath();
+  ErrorRef location_error = CheckStoredLocation(attachment.get());
+  if (!location_error) location_error = CheckStorageFolder(folder);
+  if (location_error) {
+    logLine(fmt::format("Refusing to retrieve attachment {} - {}", DescribeRecord(attachment.get()),
+                        DescribeError(location_error)));
+    Fail(error, location_error);
+    SendGotError(delegate.get(), this, location_error);
+    return false;
+  }
   if (!folder.empty()) {
     std::string path = StandardizePath(
         AppendPathComponent(PercentDecode(folder), attachment->attachmentPath()).string());
@@ -101,12 +119,7 @@ bool VMArchiverAttachment::retrieveAttachment(
   std::string server = connectionInfoString(kVMAFPAttachmentServerPath).value_or("");
   if (server.empty()) {
     logLine("Cannot find attachment - no URL path setup in preferences");
-    Error::UserInfo info;
-    info.emplace(std::string(NSLocalizedDescriptionKey),
-                 "No path set up in the Archiver Scheme preferences");
-    info.emplace(std::string(NSLocalizedRecoverySuggestionErrorKey),
-                 "Review the preferences for the Archived Attachments storage preferences");
-    ErrorRef no_path = Error::Make(kVMArchiverAttachmentDomain, 700, std::move(info));
+    ErrorRef no_path = NoStorageFolderError();
     Fail(error, no_path);
     SendGotError(delegate.get(), this, no_path);
     return false;
@@ -169,19 +182,22 @@ bool VMArchiverAttachment::storeFile(
   // The folder setting is used as stored, percent-encoding and all, unlike the lookups.
   std::string storage = shareFolderPath();
   fs::path folder = AppendPathComponent(storage, at_path);
+  std::vector<fs::path> created;
   ErrorRef folder_error;
-  if (storage.empty()) {
+  if (!attachment) {
+    folder_error = PosixError(EINVAL);
+  } else if (storage.empty()) {
     // Without a storage folder the path would be relative to wherever the process runs.
-    Error::UserInfo info;
-    info.emplace(std::string(NSLocalizedDescriptionKey),
-                 "No path set up in the Archiver Scheme preferences");
-    info.emplace(std::string(NSLocalizedRecoverySuggestionErrorKey),
-                 "Review the preferences for the Archived Attachments storage preferences");
-    folder_error = Error::Make(kVMArchiverAttachmentDomain, 700, std::move(info));
+    folder_error = NoStorageFolderError();
   } else {
-    folder_error = CreateFolders(folder);
+    folder_error = CheckAttachmentLocation(attachment->name(), at_path);
+    if (!folder_error) folder_error = CheckStorageFolder(storage);
+    if (!folder_error) folder_error = CreateMissingFolders(folder, 0775, &created);
+    // The umask would narrow the mode; the folders are meant for the whole group.
+    for (const fs::path& made : created) chmod(made.c_str(), 0775);
   }
   if (folder_error) {
+    RemoveCreatedFolders(created);
     logLine(fmt::format("Unable to create directory for attachment {} - {}",
                         DescribeRecord(attachment.get()), DescribeError(folder_error)));
     Fail(error, folder_error);
@@ -191,9 +207,11 @@ bool VMArchiverAttachment::storeFile(
 
   fs::path target = AppendPathComponent(folder, attachment->name());
   ErrorRef copy_error;
-  if (!bwPerformAsyncCopyFromURL(file, target,
+  // A same-named file in the folder is someone's data: the store fails rather than replace it.
+  if (!bwPerformAsyncCopyFromURL(file, target, BWCopyExisting::kKeep,
                                  MakeCopyContext(delegate, attachment, sharedSelf(), target),
                                  &statusCallback, &copy_error)) {
+    RemoveCreatedFolders(created);
     logLine(fmt::format("Could not save attachment to share - {}", DescribeError(copy_error)));
     Fail(error, copy_error);
     if (delegate) delegate->gotCriticalError(this, copy_error);
@@ -204,7 +222,7 @@ bool VMArchiverAttachment::storeFile(
 
 std::optional<Date> VMArchiverAttachment::attachmentModifyDate(
     const std::shared_ptr<HXFileAttachment>& attachment) {
-  if (!isVolumeMounted()) return std::nullopt;
+  if (!isVolumeMounted() || CheckStoredLocation(attachment.get())) return std::nullopt;
   fs::path path;
   if (std::optional<fs::path> share = sharePath()) {
     path = AppendPathComponent(*share, attachment->attachmentPath());

@@ -46,11 +46,11 @@ std::filesystem::path VMFileReferenceAttachment::resolvedPathForAttachment(
 bool VMFileReferenceAttachment::retrieveAttachment(
     const std::shared_ptr<HXFileAttachment>& attachment, const std::filesystem::path&,
     const std::shared_ptr<HXFileAttachmentTransferDelegate>& delegate, ErrorRef* error) {
-  std::filesystem::path path = resolvedPathForAttachment(*attachment);
-  // Files synchronised on demand do not exist on this platform, so existence decides.
+  // Files synchronised on demand do not exist on this platform, so existence decides. A
+  // missing attachment or delegate is tolerated, as the share schemes tolerate them.
   std::error_code ignored;
-  if (std::filesystem::exists(path, ignored)) {
-    delegate->finishedTransferForAttachment(this, attachment);
+  if (attachment && std::filesystem::exists(resolvedPathForAttachment(*attachment), ignored)) {
+    if (delegate) delegate->finishedTransferForAttachment(this, attachment);
     return true;
   }
   ErrorRef missing = Error::Make(kVMFileAttachmentDomain, 600);
@@ -64,7 +64,7 @@ bool VMFileReferenceAttachment::storeFile(const std::filesystem::path&, const st
                                           const std::shared_ptr<HXFileAttachment>& attachment,
                                           const std::shared_ptr<HXFileAttachmentTransferDelegate>&,
                                           ErrorRef*) {
-  attachment->setUploaded(true);
+  if (attachment) attachment->setUploaded(true);
   return true;
 }
 
@@ -75,6 +75,7 @@ std::optional<Date> VMFileReferenceAttachment::attachmentModifyDate(
 
 std::optional<std::filesystem::path> VMFileReferenceAttachment::attachmentURL(
     const std::shared_ptr<HXFileAttachment>& attachment) {
+  if (!attachment) return std::nullopt;
   return resolvedPathForAttachment(*attachment);
 }
 

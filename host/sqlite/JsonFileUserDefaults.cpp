@@ -1,5 +1,9 @@
 #include "host/sqlite/JsonFileUserDefaults.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <fstream>
 #include <nlohmann/json.hpp>
 
@@ -37,14 +41,23 @@ void JsonFileUserDefaults::didChange(const std::map<std::string, Value, std::les
   }
   std::filesystem::path temporary = path_;
   temporary += ".tmp";
-  {
-    std::ofstream out(temporary, std::ios::trunc);
-    out << document.dump(2) << "\n";
-    if (!out) {
-      Log::Get("com.brenwick.velmora", "UserDefaults")
-          .error("could not write defaults file {}", temporary.string());
-      return;
-    }
+  std::string text = document.dump(2) + "\n";
+  // The defaults may hold secrets: written 0600, whatever the umask allows.
+  ::unlink(temporary.c_str());
+  int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+  bool written = fd >= 0;
+  for (std::size_t done = 0; written && done < text.size();) {
+    ssize_t put = ::write(fd, text.data() + done, text.size() - done);
+    if (put < 0 && errno == EINTR) continue;
+    written = put > 0;
+    if (written) done += static_cast<std::size_t>(put);
+  }
+  if (fd >= 0 && ::close(fd) != 0) written = false;
+  if (!written) {
+    Log::Get("com.brenwick.velmora", "UserDefaults")
+        .error("could not write defaults file {}", temporary.string());
+    ::unlink(temporary.c_str());
+    return;
   }
   std::error_code ignored;
   std::filesystem::rename(temporary, path_, ignored);

@@ -14,6 +14,7 @@
 #include "host/HXRecord.h"
 #include "host/HostConstants.h"
 #include "host/sqlite/JsonFileUserDefaults.h"
+#include "host/sqlite/PrivateDataFolder.h"
 #include "host/sqlite/SqliteAttachmentCache.h"
 #include "host/sqlite/SqliteSchema.h"
 #include "host/sqlite/SqliteTransferManager.h"
@@ -24,6 +25,7 @@ namespace vm {
 namespace {
 
 constexpr char kDatabaseFileName[] = "attachments.sqlite";
+constexpr char kDefaultsFileName[] = "defaults.json";
 constexpr char kCloudHandlerClassName[] = "VMCAttachment";
 
 struct EntityTable {
@@ -205,17 +207,29 @@ std::unique_ptr<SqliteObjectContext> SqliteObjectContext::openAtSchemaVersion(
 std::unique_ptr<SqliteObjectContext> SqliteObjectContext::openImpl(
     const std::filesystem::path& data_dir, int schema_version, ErrorRef* error,
     const SqliteCreateOptions& options) {
+  std::vector<std::string> notices;
+  const std::filesystem::path db_path = data_dir / kDatabaseFileName;
+  // Created 0600 before SQLite opens it: its journals then get the same mode.
+  if (ErrorRef refused = MakeDataFolderPrivate(data_dir, {db_path}, &notices)) {
+    Fail(error, refused);
+    return nullptr;
+  }
+  for (const char* journal : {"-wal", "-shm", "-journal"}) {
+    TightenPrivateFile(db_path.string() + journal, &notices);
+  }
+  TightenPrivateFile(data_dir / kDefaultsFileName, &notices);
   std::error_code ec;
-  for (const char* sub : {"", "cache", "transfers"}) {
+  for (const char* sub : {"cache", "transfers"}) {
     std::filesystem::create_directories(data_dir / sub, ec);
     if (ec) {
       Fail(error, PosixError(ec, data_dir / sub));
       return nullptr;
     }
   }
-  std::unique_ptr<SqliteDatabase> db = SqliteDatabase::open(data_dir / kDatabaseFileName, error);
+  std::unique_ptr<SqliteDatabase> db = SqliteDatabase::open(db_path, error);
   if (!db || !MigrateSqliteSchema(*db, schema_version, error)) return nullptr;
   std::unique_ptr<SqliteObjectContext> context(new SqliteObjectContext(data_dir, std::move(db)));
+  context->open_notices_ = std::move(notices);
   if (!context->loadOrCreateMeta(options, error)) return nullptr;
   if (schema_version >= 2 && !context->transfer_manager_->load(error)) return nullptr;
   return context;
@@ -226,7 +240,7 @@ SqliteObjectContext::SqliteObjectContext(std::filesystem::path data_dir,
     : data_dir_(std::move(data_dir)),
       db_(std::move(db)),
       cache_(std::make_shared<SqliteAttachmentCache>(data_dir_ / "cache")),
-      defaults_(JsonFileUserDefaults::open(data_dir_ / "defaults.json")),
+      defaults_(JsonFileUserDefaults::open(data_dir_ / kDefaultsFileName)),
       transfer_manager_(std::make_unique<SqliteTransferManager>(this, data_dir_ / "transfers")) {}
 
 SqliteObjectContext::~SqliteObjectContext() {

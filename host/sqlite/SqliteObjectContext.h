@@ -55,6 +55,9 @@ class SqliteObjectContext : public HXObjectContext, public HXInstanceCache {
   void installAsProcessHost();
 
   const std::filesystem::path& dataDirectory() const { return data_dir_; }
+  // What opening changed to keep the data folder private (permissions it tightened), for
+  // the host to tell its user; also logged.
+  const std::vector<std::string>& openNotices() const { return open_notices_; }
   std::filesystem::path cacheDirectory() const { return data_dir_ / "cache"; }
   std::filesystem::path transfersDirectory() const { return data_dir_ / "transfers"; }
   SqliteDatabase& database() { return *db_; }
@@ -153,6 +156,7 @@ class SqliteObjectContext : public HXObjectContext, public HXInstanceCache {
   std::shared_ptr<JsonFileUserDefaults> defaults_;
   std::unique_ptr<SqliteTransferManager> transfer_manager_;
 
+  std::vector<std::string> open_notices_;
   std::int64_t primary_key_offset_ = 0;
   std::uint64_t customer_id_ = 1;
   std::string username_;

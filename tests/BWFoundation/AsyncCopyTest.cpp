@@ -1,5 +1,11 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <cerrno>
+#include <functional>
 #include <mutex>
 #include <vector>
 
@@ -43,9 +49,11 @@ void Record(const FSFileOperation&, const fs::path&, int stage, std::int32_t sta
 
 // Runs one copy to its end; false when it could not start.
 bool Copy(const fs::path& from, const fs::path& to, std::vector<Report>* reports,
-          ErrorRef* error = nullptr) {
+          ErrorRef* error = nullptr, BWCopyExisting existing = BWCopyExisting::kReplace) {
   auto recorder = std::make_shared<Recorder>();
-  if (!bwPerformAsyncCopyFromURL(from, to, {{"recorder", recorder}}, &Record, error)) return false;
+  if (!bwPerformAsyncCopyFromURL(from, to, existing, {{"recorder", recorder}}, &Record, error)) {
+    return false;
+  }
   std::weak_ptr<Recorder> weak = recorder;
   bool finished = MainQueue::shared().runUntilCondition(
       [&] { return recorder->done(); },
@@ -124,6 +132,91 @@ TEST(AsyncCopyTest, RefusesToStartWhenSourceOrDestinationIsUnusable) {
     EXPECT_FALSE(Copy(c.from, c.to, &reports, nullptr));  // no out-pointer: still no crash
   }
   EXPECT_EQ(ReadFile(dir / "full" / "keep.txt"), "keep");
+}
+
+// Keeping what is there: a file or a link at the destination refuses the copy and keeps
+// its bytes; an empty placeholder folder still gives way.
+TEST(AsyncCopyTest, KeepingExistingEntriesRefusesAnythingButAnEmptyFolder) {
+  TempDir dir;
+  WriteFile(dir / "in.txt", "new");
+  WriteFile(dir / "victim", "precious");
+  struct Case {
+    const char* name;
+    std::function<void(const fs::path&)> make;
+    bool refused;
+  } cases[] = {
+      {"file", [](const fs::path& p) { WriteFile(p, "precious"); }, true},
+      {"link", [&](const fs::path& p) { fs::create_symlink(dir / "victim", p); }, true},
+      {"dangling link", [&](const fs::path& p) { fs::create_symlink(dir / "gone", p); }, true},
+      {"empty folder", [](const fs::path& p) { fs::create_directory(p); }, false},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    fs::path to = dir / (std::string("to-") + c.name);
+    c.make(to);
+    std::vector<Report> reports;
+    ErrorRef error;
+    bool started = Copy(dir / "in.txt", to, &reports, &error, BWCopyExisting::kKeep);
+    if (c.refused) {
+      EXPECT_FALSE(started);
+      ASSERT_TRUE(error);
+      EXPECT_EQ(error->code(), EEXIST);
+      EXPECT_EQ(ReadFile(dir / "victim"), "precious");
+      EXPECT_FALSE(fs::exists(dir / "gone"));
+    } else {
+      ASSERT_TRUE(started);
+      EXPECT_EQ(reports.back().status, 0);
+      EXPECT_EQ(ReadFile(to), "new");
+    }
+  }
+}
+
+// Only regular files are read: a FIFO with no writer would block the open forever, and
+// must be refused at once instead.
+TEST(AsyncCopyTest, RefusesAFifoWithoutWaitingForAWriter) {
+  TempDir dir;
+  ASSERT_EQ(mkfifo((dir / "pipe").c_str(), 0600), 0);
+  std::vector<Report> reports;
+  ErrorRef error;
+  EXPECT_FALSE(Copy(dir / "pipe", dir / "out", &reports, &error));
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->code(), EINVAL);
+}
+
+// The temporary copy's name does not grow with the destination's: a name of the longest
+// length a folder accepts still copies.
+TEST(AsyncCopyTest, CopiesToANameOfTheLongestLength) {
+  TempDir dir;
+  WriteFile(dir / "in.txt", "long");
+  fs::path to = dir / std::string(255, 'n');
+  std::vector<Report> reports;
+  ASSERT_TRUE(Copy(dir / "in.txt", to, &reports));
+  EXPECT_EQ(reports.back().status, 0);
+  EXPECT_EQ(ReadFile(to), "long");
+}
+
+// A temporary copy whose writer died is removed by the next copy into the folder; one that
+// a live copy still holds (its lock taken) stays, and so does a file that merely looks alike.
+TEST(AsyncCopyTest, NextCopyRemovesTemporariesOfKilledCopiesOnly) {
+  TempDir dir;
+  WriteFile(dir / "in.txt", "x");
+  const std::string abandoned = ".vmcopy-0123456789abcdef";
+  const std::string held = ".vmcopy-fedcba9876543210";
+  const std::string lookalike = ".vmcopy-not-a-temporary";
+  for (const std::string& name : {abandoned, held, lookalike}) WriteFile(dir / name, "partial");
+  int holder = open((dir / held).c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_GE(holder, 0);
+  ASSERT_EQ(flock(holder, LOCK_EX), 0);
+  EXPECT_TRUE(bwIsCopyTemporaryName(abandoned));
+  EXPECT_FALSE(bwIsCopyTemporaryName(lookalike));
+
+  std::vector<Report> reports;
+  ASSERT_TRUE(Copy(dir / "in.txt", dir / "out.txt", &reports));
+  EXPECT_EQ(reports.back().status, 0);
+  EXPECT_FALSE(fs::exists(dir / abandoned));
+  EXPECT_TRUE(fs::exists(dir / held));
+  EXPECT_TRUE(fs::exists(dir / lookalike));
+  close(holder);
 }
 
 }  // namespace

@@ -3,9 +3,12 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
-#include <cstdlib>
+#include <charconv>
 #include <cstdio>
+#include <cstdlib>
 #include <mutex>
+
+#include "platform/SafeNames.h"
 
 namespace vm::vmattach {
 
@@ -23,8 +26,9 @@ void SetCommandBody(CLI::App* command, int* exit_code, CommandBody body) {
 }
 
 int ReportFailure(const Error& error) {
-  fmt::print(stderr, "vmattach: {} ({} {})\n", error.localizedDescription(), error.domain(),
-             error.code());
+  fmt::print(stderr, "vmattach: {} ({} {})\n",
+             EscapeControlCharacters(error.localizedDescription()),
+             EscapeControlCharacters(error.domain()), error.code());
   return 1;
 }
 
@@ -34,8 +38,39 @@ int ReportFailure(const ErrorRef& error) {
 }
 
 int ReportFailure(const std::string& message) {
-  fmt::print(stderr, "vmattach: {}\n", message);
+  fmt::print(stderr, "vmattach: {}\n", EscapeControlCharacters(message));
   return 1;
+}
+
+std::optional<std::uint64_t> ParseRecordID(std::string_view text) {
+  if (text.empty()) return std::nullopt;
+  std::uint64_t value = 0;
+  auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value, 10);
+  // from_chars takes no sign, space or prefix; a digit left over means overflow.
+  if (ec != std::errc() || end != text.data() + text.size()) return std::nullopt;
+  return value;
+}
+
+CLI::Validator RecordIDValidator() {
+  return CLI::Validator(
+      [](std::string& value) -> std::string {
+        std::optional<std::uint64_t> id = ParseRecordID(value);
+        if (!id) {
+          return fmt::format("\"{}\" is not an attachment id (plain decimal digits)",
+                             EscapeControlCharacters(value));
+        }
+        value = std::to_string(*id);
+        return {};
+      },
+      "ID");
+}
+
+CLI::Validator NonEmptyValidator() {
+  return CLI::Validator(
+      [](std::string& value) -> std::string {
+        return value.empty() ? std::string("must not be empty") : std::string();
+      },
+      "");
 }
 
 bool StderrIsTerminal() { return isatty(STDERR_FILENO) == 1; }

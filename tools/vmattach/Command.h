@@ -2,11 +2,12 @@
 #define VM_TOOLS_VMATTACH_COMMAND_H_
 
 #include <CLI/CLI.hpp>
-
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
+#include <string_view>
 
 #include "platform/Error.h"
 
@@ -29,11 +30,21 @@ using CommandBody = std::function<int()>;
 void SetCommandBody(CLI::App* command, int* exit_code, CommandBody body);
 
 // Prints the one-line failure form on stderr: "vmattach: <description> (<domain> <code>)",
-// and returns 1.
+// and returns 1. Control characters in the texts are escaped (see EscapeControlCharacters).
 int ReportFailure(const Error& error);
 int ReportFailure(const ErrorRef& error);
 // For failures that have no Error: "vmattach: <message>", returns 1.
 int ReportFailure(const std::string& message);
+
+// A record id as a person types it: plain decimal digits only ("03374" is 3374, not
+// octal), within 64 bits. Nullopt for anything else: a sign, spaces, hex, an empty text.
+std::optional<std::uint64_t> ParseRecordID(std::string_view text);
+
+// For an option that holds a record id: refuses what ParseRecordID refuses, and hands
+// CLI11 the plain number so that its own conversion cannot read it another way.
+CLI::Validator RecordIDValidator();
+// For an option whose value must not be empty (a folder, a scheme name).
+CLI::Validator NonEmptyValidator();
 
 // Whether stderr is a terminal (progress bars are drawn only then).
 bool StderrIsTerminal();

@@ -1,6 +1,7 @@
 #include "tools/vmattach/CoreCommands.h"
 
 #include <fmt/format.h>
+#include <sys/stat.h>
 
 #include <iostream>
 #include <nlohmann/json.hpp>
@@ -8,11 +9,14 @@
 #include "VMAttachments/schemes/ShareSchemes.h"
 #include "VMAttachments/schemes/VMAFPAttachment.h"
 #include "VMAttachments/schemes/VMArchiverAttachment.h"
+#include "VMAttachments/schemes/VMAttachmentConstants.h"
 #include "VMAttachments/schemes/VMFileReferenceAttachment.h"
 #include "VMAttachments/telemetry/AttachmentTelemetry.h"
 #include "host/HXAttachmentCache.h"
 #include "host/HXFileAttachmentScheme.h"
 #include "host/HostConstants.h"
+#include "platform/KeyedArchive.h"
+#include "platform/SafeNames.h"
 #include "platform/UniqueID.h"
 #include "tools/vmattach/Host.h"
 #include "tools/vmattach/TransferCommands.h"
@@ -39,6 +43,7 @@ struct AttachmentOptions {
   std::string path;
   std::uint64_t id = 0;
   std::string to;
+  bool force = false;
 };
 
 ErrorRef ToolError(std::int64_t code, std::string description) {
@@ -49,6 +54,18 @@ ErrorRef ToolError(std::int64_t code, std::string description) {
 bool IsSynchronousScheme(const std::string& class_name) {
   return class_name == VMFileReferenceAttachment::kClassName ||
          class_name == VMLocalFileReferenceScheme::kClassName;
+}
+
+// Why FILE cannot be stored, or empty when it can. A file reference records any path; the
+// other schemes copy bytes, which only a regular file or a folder has to give (a FIFO
+// would wait for a writer forever, a device never ends).
+std::string CheckStoreSource(const std::string& file, bool reference) {
+  if (file.empty()) return "FILE is empty: name a file to store";
+  if (reference) return {};
+  struct stat st;
+  if (stat(ExpandTildeInPath(file).c_str(), &st) != 0) return {};  // the scheme reports it
+  if (S_ISREG(st.st_mode) || S_ISDIR(st.st_mode)) return {};
+  return fmt::format("{} is not a regular file or a folder: only those can be stored", file);
 }
 
 // Fails with code 500 ("scheme not found") and reports it to the attachment telemetry.
@@ -130,15 +147,32 @@ int RunSchemeList(const GlobalOptions& options) {
   auto schemes = context->allSchemes(&error);
   if (error) return ReportFailure(error);
   nlohmann::json out = nlohmann::json::array();
+  // Secrets are shown only as being set, never by value.
+  bool token_set = !context->setting("cloudToken").value_or("").empty();
   for (const auto& scheme : schemes) {
     std::string type = TypeForHandlerClass(scheme->handlerClassName());
+    std::string secret;
+    if (type == "afp" || type == "archiver") {
+      std::optional<ArchivedDictionary> settings;
+      if (std::optional<Bytes> data = scheme->infoData()) settings = UnarchiveDictionary(*data);
+      if (settings && !ArchivedString(*settings, kVMAFPAttachmentPassword).value_or("").empty()) {
+        secret = "password";
+      }
+    } else if (type == "cloud" && token_set) {
+      secret = "token";
+    }
     if (options.json) {
-      out.push_back({{"id", scheme->primaryKeyValue()},
-                     {"name", scheme->name()},
-                     {"type", type},
-                     {"handlerClass", scheme->handlerClassName()}});
+      nlohmann::json row = {{"id", scheme->primaryKeyValue()},
+                            {"name", scheme->name()},
+                            {"type", type},
+                            {"handlerClass", scheme->handlerClassName()}};
+      if (type == "cloud") row["tokenSet"] = secret == "token";
+      if (type == "afp" || type == "archiver") row["passwordSet"] = secret == "password";
+      out.push_back(std::move(row));
     } else {
-      fmt::print("{}\t{}\t{}\n", scheme->primaryKeyValue(), scheme->name(), type);
+      fmt::print("{}\t{}\t{}{}\n", scheme->primaryKeyValue(),
+                 EscapeControlCharacters(scheme->name()), type,
+                 secret.empty() ? "" : "\t" + secret + " set");
     }
   }
   if (options.json) PrintJSON(out);
@@ -157,16 +191,23 @@ int RunStore(const GlobalOptions& options, const AttachmentOptions& store) {
                                       store.scheme, scheme->handlerClassName()));
   }
 
+  bool reference = IsSynchronousScheme(handler->className());
+  if (std::string problem = CheckStoreSource(store.file, reference); !problem.empty()) {
+    return ReportFailure(problem);
+  }
+
   auto attachment = context->insertAttachment(&error);
   if (!attachment) return ReportFailure(error);
   std::filesystem::path source;
-  if (!store.file.empty() && store.file[0] == '~') {
+  if (store.file[0] == '~') {
     // Kept as typed, so that the reference follows the home folder of whoever opens it.
     attachment->setAttachmentPath(store.file);
     attachment->setIsRelativePath(true);
     source = ExpandTildeInPath(store.file);
   } else {
-    source = std::filesystem::absolute(store.file).lexically_normal();
+    std::error_code ec;
+    source = std::filesystem::absolute(store.file, ec).lexically_normal();
+    if (ec) return ReportFailure(PosixError(ec, store.file));
     attachment->setAttachmentPath(source.string());
   }
   attachment->setName(source.filename().string());
@@ -188,7 +229,7 @@ int RunStore(const GlobalOptions& options, const AttachmentOptions& store) {
   if (!handler->storeFile(source, relative, attachment, delegate, &error)) {
     return ReportFailure(error ? error : delegate->error());
   }
-  if (!IsSynchronousScheme(handler->className())) {
+  if (!reference) {
     if (!delegate->waitForOutcome(kTransferTimeout)) {
       return ReportFailure("the store did not finish in time");
     }
@@ -245,6 +286,19 @@ int RunRetrieve(const GlobalOptions& options, const AttachmentOptions& retrieve)
   std::error_code ec;
   std::filesystem::create_directories(destination, ec);
   if (ec) return ReportFailure(PosixError(ec, destination));
+  // The schemes that copy replace a same-named entry; a person's file there is kept unless
+  // they asked. A name that would leave the folder is the scheme's to refuse.
+  const std::string& name = loaded.attachment->name();
+  if (!retrieve.force && !IsSynchronousScheme(loaded.handler->className()) &&
+      !CheckFileName(name, "attachment name")) {
+    struct stat st;
+    if (lstat((destination / name).c_str(), &st) == 0) {
+      ErrorRef exists = PosixError(EEXIST, destination / name);
+      return ReportFailure(Error::WithDescription(
+          exists->domain(), exists->code(),
+          fmt::format("{}; pass --force to replace it", exists->localizedDescription())));
+    }
+  }
 
   if (QueuesTransfers(*loaded.handler)) {
     return RetrieveThroughCache(*loaded.context, loaded.attachment, *loaded.handler, destination,
@@ -295,8 +349,10 @@ int RunList(const GlobalOptions& options) {
       continue;
     }
     auto scheme = attachment->fileAttachmentScheme();
-    fmt::print("{}\t{}\t{}\t{}\n", attachment->primaryKeyValue(), scheme ? scheme->name() : "-",
-               attachment->uploaded().value_or(false) ? "stored" : "pending", attachment->name());
+    fmt::print("{}\t{}\t{}\t{}\n", attachment->primaryKeyValue(),
+               scheme ? EscapeControlCharacters(scheme->name()) : "-",
+               attachment->uploaded().value_or(false) ? "stored" : "pending",
+               EscapeControlCharacters(attachment->name()));
   }
   if (options.json) PrintJSON(out);
   return 0;
@@ -310,7 +366,9 @@ int RunShow(const GlobalOptions& options, std::uint64_t id) {
     PrintJSON(out);
   } else {
     for (const auto& [key, value] : out.items()) {
-      fmt::print("{}: {}\n", key, value.is_string() ? value.get<std::string>() : value.dump());
+      fmt::print(
+          "{}: {}\n", key,
+          EscapeControlCharacters(value.is_string() ? value.get<std::string>() : value.dump()));
     }
   }
   return 0;
@@ -326,7 +384,9 @@ void AddCoreCommands(CLI::App& app, const GlobalOptions& options, int* exit_code
   scheme->require_subcommand(1);
   auto scheme_options = std::make_shared<SchemeOptions>();
   CLI::App* add = scheme->add_subcommand("add", "Add a scheme");
-  add->add_option("name", scheme_options->name, "Scheme name")->required();
+  add->add_option("name", scheme_options->name, "Scheme name")
+      ->required()
+      ->check(NonEmptyValidator());
   add->add_option("--type", scheme_options->type, "reference, afp, archiver or cloud")
       ->required()
       ->check(CLI::IsMember({"reference", "afp", "archiver", "cloud"}));
@@ -347,21 +407,29 @@ void AddCoreCommands(CLI::App& app, const GlobalOptions& options, int* exit_code
   CLI::App* store = app.add_subcommand("store", "Store a file as a new attachment; prints its id");
   store->add_option("file", store_options->file, "The file (a leading ~ is kept as typed)")
       ->required();
-  store->add_option("--scheme", store_options->scheme, "Scheme name")->required();
+  store->add_option("--scheme", store_options->scheme, "Scheme name")
+      ->required()
+      ->check(NonEmptyValidator());
   store->add_option("--path", store_options->path, "Relative folder on the storage");
   SetCommandBody(store, exit_code,
                  [&options, store_options] { return RunStore(options, *store_options); });
 
   auto retrieve_options = std::make_shared<AttachmentOptions>();
   CLI::App* retrieve = app.add_subcommand("retrieve", "Bring an attachment's bytes back");
-  retrieve->add_option("id", retrieve_options->id, "Attachment id")->required();
-  retrieve->add_option("--to", retrieve_options->to, "Destination folder")->required();
+  retrieve->add_option("id", retrieve_options->id, "Attachment id")
+      ->required()
+      ->transform(RecordIDValidator());
+  retrieve->add_option("--to", retrieve_options->to, "Destination folder")
+      ->required()
+      ->check(NonEmptyValidator());
+  retrieve->add_flag("--force", retrieve_options->force,
+                     "Replace a file or link of the same name in the destination folder");
   SetCommandBody(retrieve, exit_code,
                  [&options, retrieve_options] { return RunRetrieve(options, *retrieve_options); });
 
   auto url_id = std::make_shared<std::uint64_t>(0);
   CLI::App* url = app.add_subcommand("url", "Print where the attachment can be opened in place");
-  url->add_option("id", *url_id, "Attachment id")->required();
+  url->add_option("id", *url_id, "Attachment id")->required()->transform(RecordIDValidator());
   SetCommandBody(url, exit_code, [&options, url_id] { return RunURL(options, *url_id); });
 
   CLI::App* list = app.add_subcommand("list", "List the attachments");
@@ -369,7 +437,7 @@ void AddCoreCommands(CLI::App& app, const GlobalOptions& options, int* exit_code
 
   auto show_id = std::make_shared<std::uint64_t>(0);
   CLI::App* show = app.add_subcommand("show", "Show one attachment");
-  show->add_option("id", *show_id, "Attachment id")->required();
+  show->add_option("id", *show_id, "Attachment id")->required()->transform(RecordIDValidator());
   SetCommandBody(show, exit_code, [&options, show_id] { return RunShow(options, *show_id); });
 }
 

@@ -8,6 +8,7 @@
 #include "host/HostConstants.h"
 #include "platform/DispatchQueue.h"
 #include "platform/Progress.h"
+#include "platform/SafeNames.h"
 
 namespace vm::vmattach {
 namespace {
@@ -46,6 +47,9 @@ std::unique_ptr<SqliteObjectContext> OpenHost(const GlobalOptions& options, Erro
   RegisterVMAttachmentsSchemeClasses();
   auto context = SqliteObjectContext::open(DataDirectory(options), error);
   if (!context) return nullptr;
+  for (const std::string& notice : context->openNotices()) {
+    fmt::print(stderr, "vmattach: {}\n", EscapeControlCharacters(notice));
+  }
   context->installAsProcessHost();
   // The cloud scheme reaches the service the data folder names (scheme add --api).
   if (auto api = context->setting("velmoraAPI")) {

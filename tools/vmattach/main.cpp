@@ -16,7 +16,9 @@ int main(int argc, char** argv) {
   app.require_subcommand(1);
   GlobalOptions options;
   // Every command accepts these, before or after its own arguments.
-  app.add_option("--data-dir", options.data_dir, "Data folder")->envname("VMATTACH_DATA_DIR");
+  app.add_option("--data-dir", options.data_dir, "Data folder")
+      ->envname("VMATTACH_DATA_DIR")
+      ->check(NonEmptyValidator());
   app.add_flag("--json", options.json, "Machine-readable output");
   app.fallthrough();
 

@@ -7,6 +7,7 @@
 
 #include "host/HXRecord.h"
 #include "platform/Log.h"
+#include "platform/SafeNames.h"
 
 namespace vm {
 
@@ -42,6 +43,36 @@ std::string StandardizePath(std::string_view path) {
   std::string normal = std::filesystem::path(text).lexically_normal().string();
   while (normal.size() > 1 && normal.back() == '/') normal.pop_back();
   return normal;
+}
+
+ErrorRef CreateMissingFolders(const std::filesystem::path& folder, unsigned mode,
+                              std::vector<std::filesystem::path>* created) {
+  std::filesystem::path built;
+  for (const std::filesystem::path& part : folder) {
+    built /= part;
+    if (part == "/" || part.empty()) continue;
+    struct stat st;
+    if (stat(built.c_str(), &st) == 0) {
+      if (!S_ISDIR(st.st_mode)) return PosixError(ENOTDIR, built);
+      continue;
+    }
+    if (mkdir(built.c_str(), static_cast<mode_t>(mode)) == 0) {
+      created->push_back(built);
+    } else if (errno != EEXIST) {
+      return PosixError(errno, built);
+    }
+  }
+  return nullptr;
+}
+
+void RemoveCreatedFolders(const std::vector<std::filesystem::path>& created) {
+  // rmdir removes nothing but an empty folder, so what arrived meanwhile stays.
+  for (auto it = created.rbegin(); it != created.rend(); ++it) rmdir(it->c_str());
+}
+
+ErrorRef CheckAttachmentLocation(std::string_view name, std::string_view relative_folder) {
+  if (ErrorRef error = CheckFileName(name, "attachment name")) return error;
+  return CheckRelativePath(relative_folder, "attachment folder");
 }
 
 }  // namespace vm

@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "host/HXFileAttachment.h"
 #include "platform/Error.h"
@@ -29,6 +30,19 @@ std::optional<Date> FileModificationDate(const std::filesystem::path& path, Erro
 // A path as the platform standardises one: a leading "~" expanded, "." and ".." resolved,
 // no trailing "/".
 std::string StandardizePath(std::string_view path);
+
+// Makes `folder` and any missing parents with `mode` (narrowed by the umask), appending
+// each folder it made to `*created`, outermost first. Null or the error of the step that
+// failed (ENOTDIR when a part exists as something else).
+ErrorRef CreateMissingFolders(const std::filesystem::path& folder, unsigned mode,
+                              std::vector<std::filesystem::path>* created);
+// Undoes CreateMissingFolders after a store was refused: removes those folders, innermost
+// first, as long as they are still empty.
+void RemoveCreatedFolders(const std::vector<std::filesystem::path>& created);
+
+// The name and relative folder of an attachment, as a share scheme joins them to its
+// folders: null when both stay inside, else the EINVAL error that refuses them.
+ErrorRef CheckAttachmentLocation(std::string_view name, std::string_view relative_folder);
 
 }  // namespace vm
 

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <thread>
 #include <vector>
 
@@ -127,6 +128,20 @@ TEST(FileReferenceTest, StoreMarksUploadedWithoutLookingAtTheFile) {
   EXPECT_EQ(delegate->finished + delegate->other, 0);
   EXPECT_EQ(handler.attachmentModifyDate(attachment), std::nullopt);
   EXPECT_TRUE(handler.completeAttachmentDownloadForObject(attachment, nullptr));
+}
+
+// A host may pass no delegate or no attachment, as it may to the share schemes: every
+// entry point answers without crashing.
+TEST(FileReferenceTest, NullDelegateOrAttachmentIsTolerated) {
+  TempDir dir;
+  VMFileReferenceAttachment handler(nullptr);
+  std::filesystem::path file = dir / "here.txt";
+  { std::ofstream(file) << "x"; }
+  ErrorRef error;
+  EXPECT_TRUE(handler.retrieveAttachment(AttachmentAt(file.string(), false), {}, nullptr, &error));
+  EXPECT_FALSE(handler.retrieveAttachment(nullptr, {}, nullptr, &error));
+  EXPECT_TRUE(handler.storeFile(file, "", nullptr, nullptr, nullptr));
+  EXPECT_EQ(handler.attachmentURL(nullptr), std::nullopt);
 }
 
 TEST(FileReferenceTest, BothClassNamesAreRegisteredWithTheSameAnswers) {

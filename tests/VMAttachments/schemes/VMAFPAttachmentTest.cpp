@@ -281,6 +281,48 @@ TEST_F(AFPTest, FailuresReachTheDelegateOnTheMainQueue) {
   }
 }
 
+// What would leave the share (a climbing or absolute relative folder, a climbing name) is
+// refused with EINVAL on the main queue before anything is mounted or written; a
+// file already at the target is kept and refuses the store with EEXIST.
+TEST_F(AFPTest, HostileNamesAndExistingFilesAreRefusedThroughTheDelegate) {
+  WriteFile(dir_ / "src" / "a.txt", "attacker");
+  WriteFile(dir_ / "victim", "precious");
+  WriteFile(mounter_->mount_point / "Att" / "kept" / "a.txt", "first");
+  struct Case {
+    std::string name;
+    bool store;
+    std::string server;
+    std::string at_path;
+    std::string attachment_name;
+    std::int64_t code;
+  };
+  const Case cases[] = {
+      {"store folder climbs", true, "smb://srv/share/Att", "../..", "victim", EINVAL},
+      {"store folder is absolute", true, "smb://srv/share/Att", "/x", "victim", EINVAL},
+      {"store name climbs", true, "smb://srv/share/Att", "x", "../../../victim", EINVAL},
+      {"retrieve name climbs", false, "smb://srv/share/Att", "", "../victim", EINVAL},
+      {"same-named file", true, "smb://srv/share/Att", "kept", "a.txt", EEXIST},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    auto handler = Handler(c.server);
+    auto delegate = std::make_shared<RecordingDelegate>();
+    auto attachment = Attachment(c.attachment_name);
+    EXPECT_TRUE(c.store ? handler->storeFile(dir_ / "src" / "a.txt", c.at_path, attachment,
+                                             delegate, nullptr)
+                        : handler->retrieveAttachment(attachment, dir_ / "out", delegate, nullptr));
+    ASSERT_TRUE(delegate->waitUntilEnded());
+    EXPECT_EQ(delegate->kinds(), (Kinds{c.store ? "willSend" : "willReceive", "gotError"}));
+    auto failure = delegate->last("gotError");
+    EXPECT_TRUE(failure->on_main);
+    ASSERT_NE(failure->error, nullptr);
+    EXPECT_EQ(failure->error->code(), c.code);
+    EXPECT_EQ(ReadFile(dir_ / "victim"), "precious");
+    EXPECT_EQ(ReadFile(mounter_->mount_point / "Att" / "kept" / "a.txt"), "first");
+    EXPECT_FALSE(fs::exists(dir_ / "out"));
+  }
+}
+
 TEST_F(AFPTest, StatusCallbackSendsTheCoarseFractionAndCopyFailures) {
   auto handler = Handler();
   auto attachment = Attachment("a.txt");

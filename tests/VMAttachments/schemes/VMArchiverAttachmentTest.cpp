@@ -197,6 +197,93 @@ TEST_F(ArchiverTest, StoreFailuresReturnNoAndTellTheDelegateAtOnce) {
   }
 }
 
+// Names, relative paths and folders from records or callers that would reach outside the
+// storage folder or the destination are refused with EINVAL through the usual route, and
+// nothing outside is read or written.
+TEST_F(ArchiverTest, HostileNamesAndPathsAreRefusedAndTouchNothingOutside) {
+  fs::path folder = dir_ / "archive";
+  fs::create_directories(folder / "in");
+  WriteFile(dir_ / "src" / "a.txt", "attacker");
+  WriteFile(dir_ / "victim", "precious");
+  WriteFile(folder / "in" / "ok.txt", "stored");
+  struct Case {
+    std::string name;
+    bool store;
+    std::string storage;
+    std::string at_path;  // store: the relative folder; retrieve: the record's path
+    std::string attachment_name;
+  };
+  const std::string base = folder.string();
+  const Case cases[] = {
+      {"store folder climbs", true, base, "../", "victim"},
+      {"store folder is absolute", true, base, dir_.path().string(), "victim"},
+      {"store name climbs", true, base, "in", "../../victim"},
+      {"store name is a folder", true, base, "in", ".."},
+      {"store into a climbing storage folder", true, base + "/../archive/..", "", "victim"},
+      {"retrieve path climbs", false, base, "../victim", "victim.txt"},
+      {"retrieve name climbs", false, base, "in/ok.txt", "../victim"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    auto handler = Handler(c.storage);
+    auto delegate = std::make_shared<RecordingDelegate>();
+    auto attachment = Attachment(c.attachment_name, c.at_path);
+    ErrorRef error;
+    bool started =
+        c.store
+            ? handler->storeFile(dir_ / "src" / "a.txt", c.at_path, attachment, delegate, &error)
+            : handler->retrieveAttachment(attachment, dir_ / "out", delegate, &error);
+    EXPECT_FALSE(started);
+    ASSERT_NE(error, nullptr);
+    EXPECT_EQ(std::make_pair(error->domain(), error->code()),
+              std::make_pair(std::string(NSPOSIXErrorDomain), std::int64_t{EINVAL}));
+    EXPECT_EQ(delegate->kinds(), (Kinds{c.store ? "willSend" : "willReceive", "gotError"}));
+    EXPECT_EQ(delegate->last("gotError")->error, error);
+    if (!c.store) {
+      EXPECT_EQ(handler->attachmentURL(attachment), std::nullopt);
+    }
+    EXPECT_EQ(ReadFile(dir_ / "victim"), "precious");
+    EXPECT_TRUE(fs::is_empty(dir_ / "out"));
+    EXPECT_FALSE(fs::exists(dir_ / "victim.txt"));
+  }
+}
+
+// A same-named file in the storage folder is never replaced: the store fails with EEXIST,
+// the old bytes stay, and the folders this store made are gone again. A name of the
+// longest length stores and retrieves.
+TEST_F(ArchiverTest, StoreKeepsAnExistingFileAndLeavesNoEmptyFolders) {
+  fs::path folder = dir_ / "archive";
+  WriteFile(folder / "taken" / "a.txt", "first");
+  WriteFile(dir_ / "src" / "a.txt", "second");
+  auto handler = Handler(folder.string());
+  auto delegate = std::make_shared<RecordingDelegate>();
+  ErrorRef error;
+  EXPECT_FALSE(handler->storeFile(dir_ / "src" / "a.txt", "taken", Attachment("a.txt", ""),
+                                  delegate, &error));
+  ASSERT_NE(error, nullptr);
+  EXPECT_EQ(error->code(), EEXIST);
+  EXPECT_EQ(delegate->kinds(), (Kinds{"willSend", "gotCriticalError"}));
+  EXPECT_EQ(ReadFile(folder / "taken" / "a.txt"), "first");
+
+  // Refused after its folders were made: a source that cannot be copied.
+  ErrorRef refused;
+  EXPECT_FALSE(handler->storeFile(dir_ / "src" / "gone.txt", "new/one/deep", Attachment("g", ""),
+                                  std::make_shared<RecordingDelegate>(), &refused));
+  EXPECT_FALSE(fs::exists(folder / "new"));
+
+  std::string long_name(255, 'L');
+  WriteFile(dir_ / "src" / long_name, "long");
+  auto attachment = Attachment(long_name, "deep/" + long_name);
+  auto store = std::make_shared<RecordingDelegate>();
+  ASSERT_TRUE(handler->storeFile(dir_ / "src" / long_name, "deep", attachment, store, &error));
+  ASSERT_TRUE(store->waitUntilEnded());
+  EXPECT_EQ(store->kinds(), (Kinds{"willSend", "finished"}));
+  auto retrieve = std::make_shared<RecordingDelegate>();
+  ASSERT_TRUE(handler->retrieveAttachment(attachment, dir_ / "out", retrieve, &error));
+  ASSERT_TRUE(retrieve->waitUntilEnded());
+  EXPECT_EQ(ReadFile(dir_ / "out" / long_name), "long");
+}
+
 TEST_F(ArchiverTest, SettersKeepTheSettingsInTheSchemeRecord) {
   auto handler = Handler("/srv/archive", "smb://srv/share");
   EXPECT_EQ(handler->shareFolderPath(), "/srv/archive");

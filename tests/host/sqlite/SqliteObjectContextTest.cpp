@@ -1,9 +1,13 @@
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <fstream>
 
 #include "host/HXFileAttachmentScheme.h"
 #include "host/HostConstants.h"
 #include "host/sqlite/SqliteObjectContext.h"
 #include "host/sqlite/SqliteTransferManager.h"
+#include "platform/UserDefaults.h"
 #include "tests/support/TempDir.h"
 
 namespace vm {
@@ -217,6 +221,46 @@ TEST(SqliteObjectContextTest, TransfersMoveTheirFilePersistAndCleanUp) {
   context->attachmentTransferManager()->removeTransferForAttachmentIdentifier("uuid-1");
   EXPECT_TRUE(context->attachmentTransferManager()->transfersForOperationType(0).empty());
   EXPECT_FALSE(std::filesystem::exists(folder));
+}
+
+// The data folder holds share passwords and the service token: a new one is private to its
+// owner whatever the umask, and an existing wider one (and its files) is tightened with a
+// notice the host can show.
+TEST(SqliteObjectContextTest, DataFolderAndSecretFilesArePrivateToTheOwner) {
+  auto mode = [](const std::filesystem::path& path) {
+    struct stat st;
+    return stat(path.c_str(), &st) == 0 ? static_cast<int>(st.st_mode & 0777) : -1;
+  };
+  TempDir dir;
+  mode_t saved_umask = umask(0);
+  {
+    std::filesystem::path fresh = dir / "fresh" / "data";
+    ErrorRef error;
+    auto context = SqliteObjectContext::open(fresh, &error);
+    ASSERT_TRUE(context);
+    ASSERT_TRUE(context->setSetting("cloudToken", "t0ken", &error));
+    context->installAsProcessHost();
+    UserDefaults::standard()->setObject("key", std::string("value"));
+    EXPECT_TRUE(context->openNotices().empty());
+    EXPECT_EQ(mode(fresh), 0700);
+    EXPECT_EQ(mode(fresh / "attachments.sqlite"), 0600);
+    EXPECT_EQ(mode(fresh / "attachments.sqlite-wal"), 0600);
+    EXPECT_EQ(mode(fresh / "defaults.json"), 0600);
+  }
+  umask(saved_umask);
+
+  std::filesystem::path old = dir / "old";
+  std::filesystem::create_directories(old);
+  chmod(old.c_str(), 0755);
+  { std::ofstream(old / "defaults.json") << "{}\n"; }
+  chmod((old / "defaults.json").c_str(), 0644);
+  ErrorRef error;
+  auto context = SqliteObjectContext::open(old, &error);
+  ASSERT_TRUE(context);
+  EXPECT_EQ(mode(old), 0700);
+  EXPECT_EQ(mode(old / "defaults.json"), 0600);
+  ASSERT_EQ(context->openNotices().size(), 2u);
+  EXPECT_NE(context->openNotices()[0].find("from 0755 to 0700"), std::string::npos);
 }
 
 }  // namespace
