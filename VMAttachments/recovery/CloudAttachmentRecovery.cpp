@@ -15,6 +15,7 @@
 #include "host/HXFileAttachmentScheme.h"
 #include "host/VMAttachmentTransferManager.h"
 #include "platform/Operation.h"
+#include "platform/SafeNames.h"
 #include "platform/UniqueID.h"
 #include "platform/UserDefaults.h"
 
@@ -43,13 +44,11 @@ std::set<std::string> SplitRecoveryList(const std::string& list) {
 }
 
 // The cached copy of a record: its cache folder with its name appended. A name read from
-// the database that is empty, absolute or climbs out of the folder names no cached copy.
+// the database that is not one entry of a folder names no cached copy.
 std::optional<std::filesystem::path> CachedCopyPath(HXAttachmentCache& cache,
                                                     const HXFileAttachment& record) {
-  std::filesystem::path name = record.name();
-  if (name.empty() || name.is_absolute() || name.has_parent_path() || name == "." || name == "..") {
-    return std::nullopt;
-  }
+  std::string name = record.name();
+  if (CheckFileName(name, "attachment name")) return std::nullopt;
   return cache.absoluteFilePathForObject(record) / name;
 }
 
