@@ -8,6 +8,7 @@
 #include "tools/vmattach/Command.h"
 #include "tools/vmattach/CoreCommands.h"
 #include "tools/vmattach/ShareCommands.h"
+#include "tools/vmattach/RecoveryCommands.h"
 #include "tools/vmattach/TransferCommands.h"
 
 int main(int argc, char** argv) {
@@ -27,6 +28,7 @@ int main(int argc, char** argv) {
   AddCloudCommands(app, options, &exit_code);
   AddArchiveCommands(app, options, &exit_code);
   AddShareCommands(app, options, &exit_code);
+  AddRecoveryCommands(app, options, &exit_code);
   AddTransferCommands(app, options, &exit_code);
   CLI11_PARSE(app, argc, argv);
   return exit_code;
