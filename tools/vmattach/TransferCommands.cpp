@@ -424,7 +424,7 @@ void AddTransferCommands(CLI::App& app, const GlobalOptions& options, int* exit_
   auto delete_id = std::make_shared<std::uint64_t>(0);
   CLI::App* remove = app.add_subcommand(
       "delete", "Delete an attachment: its row and, through its scheme, the stored bytes");
-  remove->add_option("id", *delete_id, "Attachment id")->required();
+  remove->add_option("id", *delete_id, "Attachment id")->required()->transform(RecordIDValidator());
   SetCommandBody(remove, exit_code,
                  [&options, delete_id] { return RunDelete(options, *delete_id); });
 
@@ -434,7 +434,7 @@ void AddTransferCommands(CLI::App& app, const GlobalOptions& options, int* exit_
   auto resume_id = std::make_shared<std::uint64_t>(0);
   CLI::App* resume =
       transfers->add_subcommand("resume", "Resume every transfer, or those of one attachment");
-  resume->add_option("id", *resume_id, "Attachment id");
+  resume->add_option("id", *resume_id, "Attachment id")->transform(RecordIDValidator());
   SetCommandBody(resume, exit_code,
                  [&options, resume_id] { return RunResume(options, *resume_id); });
   for (bool cancel : {false, true}) {
@@ -443,7 +443,7 @@ void AddTransferCommands(CLI::App& app, const GlobalOptions& options, int* exit_
         transfers->add_subcommand(cancel ? "cancel" : "suspend",
                                   cancel ? "Ask the scheme to cancel an attachment's transfers"
                                          : "Ask the scheme to suspend an attachment's transfers");
-    control->add_option("id", *id, "Attachment id")->required();
+    control->add_option("id", *id, "Attachment id")->required()->transform(RecordIDValidator());
     SetCommandBody(control, exit_code,
                    [&options, id, cancel] { return RunControl(options, *id, cancel); });
   }

@@ -48,7 +48,10 @@ refuses '--data-dir ""' list --data-dir ""
 refuses 'an empty scheme name' scheme add "" --type reference --data-dir "$data"
 refuses 'store --scheme ""' store "$work/f.txt" --scheme "" --data-dir "$data"
 for id in -1 0x10 1e3 " 7" 18446744073709551616; do
-  refuses "id \"$id\"" show "$id" --data-dir "$data"
+  for command in show retrieve delete "transfers cancel"; do
+    # shellcheck disable=SC2086 # "transfers cancel" is two words on purpose
+    refuses "$command id \"$id\"" $command "$id" --data-dir "$data"
+  done
 done
 check "a FIFO is recorded by the file-reference scheme" quiet v store "$work/fifo" --scheme refs
 
@@ -76,6 +79,7 @@ v retrieve "$id" --to "$work/out" 2>"$work/err" >/dev/null
 check "retrieve over an existing file fails with EEXIST" grep -q 'NSPOSIXErrorDomain 17' "$work/err"
 check "and keeps it" test "$(cat "$work/out/f.txt")" = mine
 check "--force replaces it" quiet v retrieve "$id" --to "$work/out" --force
+check "delete reads a leading zero as decimal too" quiet v delete "0$id"
 check "with the stored bytes" test "$(cat "$work/out/f.txt")" = data
 
 # Names with control characters cannot forge rows.
