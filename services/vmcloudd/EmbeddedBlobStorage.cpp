@@ -324,8 +324,21 @@ std::string EmbeddedBlobStorage::downloadURL(std::string_view key,
   return impl_->signedURL("GET", key, lifetime);
 }
 
+namespace {
+
+// Keys reach the provider from request paths and from record rows, which another process
+// sharing the records may have written: only a canonical UUID names a file in the folder.
+bool IsBlobKey(std::string_view key, ErrorRef* error) {
+  if (ParseUUID(key) == key) return true;
+  return Fail(error, StorageError("A stored blob is named by an attachment UUID, not by this key",
+                                  nullptr));
+}
+
+}  // namespace
+
 bool EmbeddedBlobStorage::statObject(std::string_view key, StoredObject* object,
                                      ErrorRef* error) const {
+  if (!IsBlobKey(key, error)) return false;
   const fs::path path = impl_->blobPath(key);
   struct stat info {};
   if (::stat(path.c_str(), &info) != 0) {
@@ -340,6 +353,7 @@ bool EmbeddedBlobStorage::statObject(std::string_view key, StoredObject* object,
 }
 
 bool EmbeddedBlobStorage::removeObject(std::string_view key, ErrorRef* error) const {
+  if (!IsBlobKey(key, error)) return false;
   const fs::path path = impl_->blobPath(key);
   if (::unlink(path.c_str()) != 0 && errno != ENOENT) {
     return Fail(error, StorageError("Cannot remove a stored blob", PosixError(errno, path)));

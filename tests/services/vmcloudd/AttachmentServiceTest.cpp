@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "platform/UniqueID.h"
+#include "services/vmcloudd/AttachmentRecords.h"
 #include "services/vmcloudd/AttachmentService.h"
 #include "tests/services/vmcloudd/HttpTestClient.h"
 #include "tests/services/vmcloudd/ServiceFixture.h"
@@ -253,6 +254,23 @@ TEST_F(EmbeddedServiceTest, SweepsOnlyStaleUnconfirmedUploads) {
   ASSERT_EQ(Send("PUT", fresh["upload_url"], TestBytes(30, 3)).status, 200);
   EXPECT_EQ(api_.confirm(fresh["uuid"], 30).status, 200);
   EXPECT_EQ(service_->sweepStaleUploads(), 0u) << "nothing is swept twice";
+}
+
+TEST_F(EmbeddedServiceTest, SweepTouchesNothingOutsideTheBlobFolderForAHostileRow) {
+  // Another process sharing the records wrote a stale row whose UUID climbs out.
+  const std::filesystem::path outside = dir_.path() / "data" / "precious";
+  testing::WriteFile(outside, "keep me");
+  ErrorRef error;
+  auto records = AttachmentRecords::Open(
+      database_->empty() ? (dir_.path() / "data" / "attachments.sqlite").string() : *database_,
+      &error);
+  ASSERT_TRUE(records) << error->summary();
+  AttachmentRecord hostile{"../precious", 7, AttachmentState::kNew,
+                           std::chrono::system_clock::now() - std::chrono::hours(48)};
+  ASSERT_TRUE(records->insert(hostile, &error)) << error->summary();
+
+  EXPECT_EQ(service_->sweepStaleUploads(), 0u);
+  EXPECT_EQ(testing::ReadFile(outside), "keep me");
 }
 
 TEST_F(EmbeddedServiceTest, ConcurrentCyclesKeepTheirOwnBytes) {
