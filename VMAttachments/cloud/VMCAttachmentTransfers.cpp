@@ -325,11 +325,17 @@ void VMCAttachment::createDownloadOperationForTransferObject(
   const fs::path folder = transfer->attachmentPath().parent_path();
   const fs::path below = folder.lexically_relative(temporary);
   ErrorRef folder_error;
-  if (!ec && !below.empty() && *below.begin() != ".." &&
-      !MakePrivateFolders(temporary, below, &folder_error)) {
+  const bool in_temporary = !ec && !below.empty() && *below.begin() != "..";
+  if (in_temporary && !MakePrivateFolders(temporary, below, &folder_error)) {
     MainQueue::shared().async(
         [self, delegate, folder_error] { SendGotError(delegate.get(), self.get(), folder_error); });
     return;
+  }
+  // A process that died after its bytes arrived left them at the transfer path, where the
+  // new download could not be put. They are fetched again rather than trusted: a copy cut
+  // short across file systems looks the same. Only our own folder is cleared this way.
+  if (in_temporary && fs::is_regular_file(fs::symlink_status(transfer->attachmentPath(), ec))) {
+    fs::remove(transfer->attachmentPath(), ec);
   }
   auto operation = std::make_shared<DownloadCloudAttachmentOperation>(
       authToken().value_or(AuthToken("")), *uuid, transfer->attachmentPath());

@@ -469,6 +469,25 @@ TEST_F(CloudSchemeTest, FailedUploadStaysRegisteredAndResumes) {
   fs::remove(CacheFolder(*attachment) / "notes.txt");
   Retrieve(attachment, back);
   EXPECT_EQ(ReadFile(CacheFolder(*attachment) / "notes.txt"), "kept until the service takes it");
+
+  // A download that failed stays registered. Resumed after a process died with bytes at its
+  // path, it fetches them again instead of failing on what is there.
+  fs::remove(CacheFolder(*attachment) / "notes.txt");
+  auto refused_back = std::make_shared<RecordingDelegate>();
+  ASSERT_TRUE(refused->retrieveAttachment(attachment, dir_ / "unused", refused_back, nullptr));
+  ASSERT_TRUE(refused_back->waitUntilEnded(kTransferLimit));
+  ASSERT_EQ(refused_back->kinds(), (std::vector<std::string>{"willReceive", "gotError"}));
+  auto download = TransferOf(attachment, kTransferOperationDownload);
+  ASSERT_TRUE(download) << "kept for a resume";
+  WriteFile(download->attachmentPath(), "what a killed process left");
+  auto resumed = std::make_shared<RecordingDelegate>();
+  download->setDelegate(resumed);
+  ASSERT_TRUE(transfers_->resumeTransfer(download));
+  ASSERT_TRUE(resumed->waitUntilEnded(kTransferLimit));
+  ASSERT_EQ(resumed->kinds(), (std::vector<std::string>{"willReceive", "finished"}))
+      << Summary(*resumed);
+  EXPECT_EQ(ReadFile(CacheFolder(*attachment) / "notes.txt"), "kept until the service takes it");
+  EXPECT_FALSE(TransferOf(attachment, kTransferOperationDownload));
 }
 
 TEST_F(CloudSchemeTest, TransferControlAnswers) {
