@@ -7,6 +7,7 @@
 #include <iostream>
 #include <map>
 #include <nlohmann/json.hpp>
+#include <thread>
 
 #include "host/HXAttachmentCache.h"
 #include "host/HXFileAttachmentScheme.h"
@@ -322,23 +323,32 @@ int StoreThroughTransfer(SqliteObjectContext& context,
   // that an interrupted upload can be resumed by a later process.
   if (!context.saveChanges(&error)) return ReportFailure(error);
   const std::uint64_t id = attachment->primaryKeyValue();
-  fs::path cached = CacheFolder(*attachment);
-  if (!cached.empty() && !CheckFileName(attachment->name(), "attachment name")) {
-    std::error_code ec;
-    fs::create_directories(cached, ec);
-    ErrorRef copy_error;
-    if (ec || !CopyIntoPlace(source, cached / attachment->name(), false, &copy_error)) {
-      // The cache only saves a download later; the store goes on without it.
-      fmt::print(stderr, "vmattach: no cached copy: {}\n",
-                 copy_error ? copy_error->localizedDescription() : ec.message());
-    }
-  }
   TransferList uploads;
   for (const auto& transfer : TransfersOf(context, id)) {
     if (transfer->operationType() == kTransferOperationUpload) uploads.push_back(transfer);
   }
   if (uploads.empty()) return ReportFailure("the scheme registered no upload");
-  for (const Outcome& outcome : ResumeAndWait(context, uploads, "store", delegate)) {
+  // The cache copy is made while the upload runs: one is bound by the disk, the other by
+  // the network, so together they take little longer than the upload alone. The thread
+  // touches only the two paths it is given.
+  std::string cache_problem;
+  std::jthread cache_copy;
+  fs::path cached = CacheFolder(*attachment);
+  if (!cached.empty() && !CheckFileName(attachment->name(), "attachment name")) {
+    cache_copy = std::jthread([source, target = cached / attachment->name(), &cache_problem] {
+      std::error_code ec;
+      fs::create_directories(target.parent_path(), ec);
+      ErrorRef copy_error;
+      if (ec || !CopyIntoPlace(source, target, false, &copy_error)) {
+        cache_problem = copy_error ? copy_error->localizedDescription() : ec.message();
+      }
+    });
+  }
+  std::vector<Outcome> outcomes = ResumeAndWait(context, uploads, "store", delegate);
+  if (cache_copy.joinable()) cache_copy.join();
+  // The cache only saves a download later; the store goes on without it.
+  if (!cache_problem.empty()) fmt::print(stderr, "vmattach: no cached copy: {}\n", cache_problem);
+  for (const Outcome& outcome : outcomes) {
     if (outcome.error) {
       ReportFailure(outcome.error);
       return ReportFailure(ResumeHint(id));
@@ -407,8 +417,16 @@ int RetrieveThroughCache(SqliteObjectContext& context,
     }
   }
   if (result.empty()) return ReportFailure("the retrieved copy is not in the cache");
+  // The older copy is no longer needed; freeing a large file's blocks takes a while, so it
+  // is done beside the copy out.
+  std::jthread remove_aside;
+  if (set_aside) {
+    remove_aside = std::jthread([aside] {
+      std::error_code ignored;
+      fs::remove_all(aside, ignored);
+    });
+  }
   if (!CopyIntoPlace(result, target, replace, &error)) return ReportFailure(error);
-  fs::remove_all(aside, ec);
   if (!context.saveChanges(&error)) return ReportFailure(error);
   if (options.json) {
     PrintJSON({{"id", attachment->primaryKeyValue()},
