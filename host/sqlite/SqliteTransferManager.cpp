@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -25,6 +26,25 @@ ErrorRef RefusedError(std::string_view description, ErrorRef underlying = nullpt
 bool IsStrictlyInside(const std::filesystem::path& path, const std::filesystem::path& folder) {
   auto relative = path.lexically_normal().lexically_relative(folder.lexically_normal());
   return !relative.empty() && relative != "." && *relative.begin() != "..";
+}
+
+// Whether `root` and every folder from it down to `folder` is a real folder (not a link)
+// of this user's that nobody else may write to. The temporary folder is shared, so a
+// download's path is only acted on when nobody else could have placed or redirected it.
+bool IsPrivateFolderChain(const std::filesystem::path& root, const std::filesystem::path& folder) {
+  std::filesystem::path current = root.lexically_normal();
+  const std::filesystem::path below = folder.lexically_normal().lexically_relative(current);
+  auto is_private = [](const std::filesystem::path& path) {
+    struct stat info;
+    return ::lstat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode) &&
+           info.st_uid == ::geteuid() && (info.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+  };
+  if (!is_private(current)) return false;
+  for (const auto& part : below) {
+    current /= part;
+    if (!is_private(current)) return false;
+  }
+  return true;
 }
 
 bool SyncPath(const std::filesystem::path& path, int flags, ErrorRef* error) {
@@ -275,12 +295,21 @@ void SqliteTransferManager::removeTransferForAttachmentIdentifier(
       nullptr);
   for (const auto& transfer : removed) {
     std::filesystem::path folder = transfer->attachmentPath().lexically_normal().parent_path();
+    std::error_code ignored;
     // Only a folder this manager made is removed: a direct subfolder of basepath. A row
-    // naming basepath itself, a path outside it, or a download's file elsewhere stays.
+    // naming basepath itself, or a path outside it, stays.
     if (IsStrictlyInside(folder, basepath_) &&
         folder.parent_path() == basepath_.lexically_normal()) {
-      std::error_code ignored;
       std::filesystem::remove_all(folder, ignored);
+    } else if (transfer->operationType() == kTransferOperationDownload &&
+               IsStrictlyInside(folder, downloadFolder())) {
+      // The encrypted bytes of a download are worth nothing once it is saved (or given up),
+      // and can be as large as the attachment. Only the one file goes, then its own folder
+      // if that is empty; the folders other downloads share stay.
+      if (IsPrivateFolderChain(downloadFolder(), folder)) {
+        std::filesystem::remove(transfer->attachmentPath(), ignored);
+        std::filesystem::remove(folder, ignored);
+      }
     }
   }
 }

@@ -282,6 +282,10 @@ TEST_F(CloudSchemeTest, FilesRoundTripEncrypted) {
     ASSERT_TRUE(fs::is_regular_file(cached));
     EXPECT_TRUE(ReadFile(cached) == c.bytes) << "the bytes come back as they went";
     EXPECT_FALSE(TransferOf(attachment, kTransferOperationDownload));
+    for (const auto& entry :
+         fs::recursive_directory_iterator(services->dir / "tmp" / "HXAttachmentCache")) {
+      EXPECT_FALSE(entry.is_regular_file()) << entry.path() << ": the ciphertext stays behind";
+    }
   }
 }
 

@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <cstdlib>
+
 #include "host/HXFileAttachmentScheme.h"
 #include "host/HXFileAttachmentSchemeHandler.h"
 #include "host/HXFileAttachmentTransferDelegate.h"
@@ -161,6 +163,42 @@ TEST(SqliteTransferManagerTest, RemovalNeverTakesTheTransfersFolderOrWhatLiesOut
   EXPECT_TRUE(std::filesystem::is_directory(base));
   EXPECT_EQ(testing::ReadFile(base / "loose"), "loose");
   EXPECT_EQ(testing::ReadFile(dir / "outside" / "keep"), "user's");
+}
+
+TEST(SqliteTransferManagerTest, ADownloadsFileGoesWithItsTransferButNothingElse) {
+  TempDir dir;
+  const char* saved_tmpdir = std::getenv("TMPDIR");
+  const std::string restore = saved_tmpdir ? saved_tmpdir : "";
+  std::filesystem::create_directories(dir / "tmp");
+  setenv("TMPDIR", (dir / "tmp").c_str(), 1);
+  auto context = Open(dir / "data");
+  const std::filesystem::path downloads = SqliteTransferManager::downloadFolder();
+  std::filesystem::create_directories(downloads / "ab" / "own");
+  std::filesystem::permissions(downloads, std::filesystem::perms::owner_all);
+  std::filesystem::permissions(downloads / "ab", std::filesystem::perms::owner_all);
+  std::filesystem::permissions(downloads / "ab" / "own", std::filesystem::perms::owner_all);
+  testing::WriteFile(downloads / "ab" / "own" / "vmattachmentdownload", "ciphertext");
+  testing::WriteFile(dir / "outside" / "vmattachmentdownload", "user's");
+  // A link inside the download folder must not lead the removal to the user's file.
+  std::filesystem::create_directory_symlink(dir / "outside", downloads / "ab" / "linked");
+  const std::pair<std::string, std::filesystem::path> rows[] = {
+      {"own", downloads / "ab" / "own" / "vmattachmentdownload"},
+      {"linked", downloads / "ab" / "linked" / "vmattachmentdownload"},
+      {"elsewhere", dir / "outside" / "vmattachmentdownload"},
+  };
+  for (const auto& [id, path] : rows) {
+    auto attachment = SavedAttachment(*context, id);
+    ASSERT_TRUE(Register(*context, attachment, path.string(), false, kTransferOperationDownload));
+    context->attachmentTransferManager()->removeTransferForAttachmentIdentifier(id);
+  }
+  EXPECT_FALSE(std::filesystem::exists(downloads / "ab" / "own")) << "file and folder are gone";
+  EXPECT_TRUE(std::filesystem::is_directory(downloads / "ab")) << "shared folders stay";
+  EXPECT_EQ(testing::ReadFile(dir / "outside" / "vmattachmentdownload"), "user's");
+  if (saved_tmpdir) {
+    setenv("TMPDIR", restore.c_str(), 1);
+  } else {
+    unsetenv("TMPDIR");
+  }
 }
 
 TEST(SqliteTransferManagerTest, ResumeReportsEachTransfersOutcome) {
