@@ -167,7 +167,12 @@ class SqliteFileAttachment : public HXFileAttachment {
         host_->attachmentWithPrimaryKey(primaryKeyValue()));
     std::shared_ptr<HXAttachmentCache> cache = HXAttachmentCache::sharedCache();
     std::string relative = cache ? cache->relativeFilePathForObject(*this) : std::string();
-    return handler->storeFile(source, relative, self, delegate(), error);
+    const std::string uuid = attachmentUUID().value_or("");
+    bool stored = handler->storeFile(source, relative, self, delegate(), error);
+    // The scheme is done with its work folder once the call returned.
+    static_cast<SqliteTransferManager*>(host_->attachmentTransferManager())
+        ->removeStoreWorkFolder(uuid);
+    return stored;
   }
 
   // Fills the dates the record lacks from the stored file.

@@ -13,6 +13,7 @@
 #include "host/HXFileAttachmentTransferDelegate.h"
 #include "host/HostConstants.h"
 #include "host/sqlite/SqliteObjectContext.h"
+#include "platform/SafeNames.h"
 #include "platform/UniqueID.h"
 
 namespace vm {
@@ -154,6 +155,21 @@ SqliteTransferManager::SqliteTransferManager(SqliteObjectContext* context,
 std::filesystem::path SqliteTransferManager::downloadFolder() {
   std::error_code ignored;
   return std::filesystem::temp_directory_path(ignored) / "HXAttachmentCache";
+}
+
+void SqliteTransferManager::removeStoreWorkFolder(const std::string& attachment_uuid) {
+  const std::string database = context_->databaseUUID();
+  if (CheckFileName(database, "database UUID") ||
+      CheckFileName(attachment_uuid, "attachment UUID")) {
+    return;
+  }
+  std::error_code ec;
+  const std::filesystem::path temporary = std::filesystem::temp_directory_path(ec);
+  if (ec) return;
+  const std::filesystem::path folder = temporary / database / attachment_uuid;
+  if (IsPrivateFolderChain(temporary / database, folder)) {
+    std::filesystem::remove_all(folder, ec);
+  }
 }
 
 bool SqliteTransferManager::load(ErrorRef* error) {

@@ -78,6 +78,12 @@ class SqliteTransferManager : public VMAttachmentTransferManager {
   // "HXAttachmentCache").
   static std::filesystem::path downloadFolder();
 
+  // Removes the work folder a scheme stores from (the system temporary folder / this
+  // database's UUID / `attachment_uuid`) once its store call returned: whatever is left
+  // there (the archive of a stored folder, a file no registration took) is not needed
+  // again. Only a folder chain private to this user is touched.
+  void removeStoreWorkFolder(const std::string& attachment_uuid);
+
  private:
   bool writeRow(SqliteDatabase& database, const VMAttachmentTransferObject& transfer,
                 ErrorRef* error);

@@ -316,9 +316,11 @@ int StoreThroughTransfer(SqliteObjectContext& context,
   auto delegate = std::make_shared<CommandDelegate>("store");
   attachment->setDelegate(delegate);
   ErrorRef error;
-  if (!handler.storeFile(source, relative_path, attachment, delegate, &error)) {
-    return ReportFailure(error ? error : delegate->error());
-  }
+  const std::string work_uuid = attachment->attachmentUUID().value_or("");
+  bool stored = handler.storeFile(source, relative_path, attachment, delegate, &error);
+  // The scheme is done with its work folder once the call returned.
+  Manager(context).removeStoreWorkFolder(work_uuid);
+  if (!stored) return ReportFailure(error ? error : delegate->error());
   // The record and its upload are saved together before anything leaves the machine, so
   // that an interrupted upload can be resumed by a later process.
   if (!context.saveChanges(&error)) return ReportFailure(error);

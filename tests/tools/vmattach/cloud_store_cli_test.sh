@@ -13,6 +13,9 @@ mode=${3:-embedded}
 here=$(cd "$(dirname "$0")" && pwd)
 source "$here/check.sh"
 work=$(mktemp -d)
+# The scheme's work and download folders go where the test can look at them.
+export TMPDIR="$work/tmp"
+mkdir -p "$TMPDIR"
 pids=()
 cleanup() {
   for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null; done
@@ -88,6 +91,8 @@ for item in photo.jpg empty.txt tree; do
   eval "id_${item%%.*}=$id"
 done
 check "nothing is left queued" test -z "$(va transfers)"
+check "no plain or encrypted copy is left in the temporary folder" \
+  test -z "$(find "$TMPDIR" -type f)"
 va retrieve "$id_photo" --to "$work/out" 2>"$work/err"
 check "retrieve never replaces a file" grep -q 'NSPOSIXErrorDomain 17' "$work/err"
 
