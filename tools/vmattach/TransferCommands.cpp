@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <stdio.h>
+#include <unistd.h>
 
 #include <iostream>
 #include <map>
@@ -125,15 +126,37 @@ std::vector<Outcome> ResumeAndWait(SqliteObjectContext& context, const TransferL
   return out;
 }
 
+// Writes the files under `root` (a file or a folder) to the disk; the first error.
+std::error_code SyncTree(const fs::path& root) {
+  std::error_code ec;
+  auto sync = [](const fs::path& file) {
+    int fd = ::open(file.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+    int failure = fd < 0 || ::fdatasync(fd) != 0 ? errno : 0;
+    if (fd >= 0) ::close(fd);
+    return std::error_code(failure, std::generic_category());
+  };
+  if (!fs::is_directory(fs::symlink_status(root, ec))) return sync(root);
+  for (auto it = fs::recursive_directory_iterator(root, ec); !ec && it != fs::end(it);
+       it.increment(ec)) {
+    if (it->is_regular_file(ec) && !it->is_symlink(ec)) {
+      if (std::error_code failure = sync(it->path())) return failure;
+    }
+  }
+  return ec;
+}
+
 // Copies the file or folder `from` to `to`: into a hidden name beside it first, then
 // renamed into place, so that a failure leaves nothing new under `to`'s name. An existing
 // `to` is refused (EEXIST), or with `replace` swapped out and removed once the copy is in
-// place. Modes (and so executable bits) are kept.
-bool CopyIntoPlace(const fs::path& from, const fs::path& to, bool replace, ErrorRef* error) {
+// place. Modes (and so executable bits) are kept. With `durable` the bytes reach the disk
+// before the name appears, so that a crash never leaves a short copy under it.
+bool CopyIntoPlace(const fs::path& from, const fs::path& to, bool replace, ErrorRef* error,
+                   bool durable = false) {
   fs::path partial = to.parent_path() / ("." + to.filename().string() + ".vmattach-partial");
   std::error_code ec;
   fs::remove_all(partial, ec);
   fs::copy(from, partial, fs::copy_options::recursive | fs::copy_options::copy_symlinks, ec);
+  if (!ec && durable) ec = SyncTree(partial);
   if (!ec && replace &&
       ::renameat2(AT_FDCWD, partial.c_str(), AT_FDCWD, to.c_str(), RENAME_EXCHANGE) == 0) {
     // `partial` now holds what was at `to`.
@@ -341,7 +364,8 @@ int StoreThroughTransfer(SqliteObjectContext& context,
       std::error_code ec;
       fs::create_directories(target.parent_path(), ec);
       ErrorRef copy_error;
-      if (ec || !CopyIntoPlace(source, target, false, &copy_error)) {
+      // The cache copy is opened later as the attachment itself, so it must be whole.
+      if (ec || !CopyIntoPlace(source, target, false, &copy_error, true)) {
         cache_problem = copy_error ? copy_error->localizedDescription() : ec.message();
       }
     });
