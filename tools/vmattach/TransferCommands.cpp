@@ -354,24 +354,44 @@ int StoreThroughTransfer(SqliteObjectContext& context,
   }
   if (uploads.empty()) return ReportFailure("the scheme registered no upload");
   // The cache copy is made while the upload runs: one is bound by the disk, the other by
-  // the network, so together they take little longer than the upload alone. The thread
-  // touches only the two paths it is given.
+  // the network, so together they take little longer than the upload alone. It is staged
+  // under a name of its own, because a finished upload moves the attachment's cache
+  // folder to its new identity, and is put in place once both are done. The thread
+  // touches only the paths it is given.
   std::string cache_problem;
   std::jthread cache_copy;
-  fs::path cached = CacheFolder(*attachment);
-  if (!cached.empty() && !CheckFileName(attachment->name(), "attachment name")) {
-    cache_copy = std::jthread([source, target = cached / attachment->name(), &cache_problem] {
+  const std::string name = attachment->name();
+  const fs::path staging = context.cacheDirectory() / (".store-" + ToLower(MakeUniqueID()));
+  const bool cacheable =
+      !CacheFolder(*attachment).empty() && !CheckFileName(name, "attachment name");
+  if (cacheable) {
+    cache_copy = std::jthread([source, staging, name, &cache_problem] {
       std::error_code ec;
-      fs::create_directories(target.parent_path(), ec);
+      fs::create_directories(staging, ec);
       ErrorRef copy_error;
       // The cache copy is opened later as the attachment itself, so it must be whole.
-      if (ec || !CopyIntoPlace(source, target, false, &copy_error, true)) {
+      if (ec || !CopyIntoPlace(source, staging / name, false, &copy_error, true)) {
         cache_problem = copy_error ? copy_error->localizedDescription() : ec.message();
       }
     });
   }
   std::vector<Outcome> outcomes = ResumeAndWait(context, uploads, "store", delegate);
   if (cache_copy.joinable()) cache_copy.join();
+  if (cacheable && cache_problem.empty()) {
+    // Under the identity the record has now: the service's after an upload, else its own.
+    const fs::path cached = CacheFolder(*attachment);
+    std::error_code ec;
+    fs::create_directories(cached, ec);
+    if (!ec && ::renameat2(AT_FDCWD, (staging / name).c_str(), AT_FDCWD, (cached / name).c_str(),
+                           RENAME_NOREPLACE) != 0) {
+      ec = std::error_code(errno, std::generic_category());
+    }
+    if (ec) cache_problem = PosixError(ec, cached / name)->localizedDescription();
+  }
+  if (cacheable) {
+    std::error_code ignored;
+    fs::remove_all(staging, ignored);
+  }
   // The cache only saves a download later; the store goes on without it.
   if (!cache_problem.empty()) fmt::print(stderr, "vmattach: no cached copy: {}\n", cache_problem);
   for (const Outcome& outcome : outcomes) {

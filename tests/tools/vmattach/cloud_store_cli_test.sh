@@ -86,11 +86,15 @@ for item in photo.jpg empty.txt tree; do
     grep -Eq '^[0-9a-f]{40} [0-9a-f]{40}$' <<<"$(json '["sourceHash"]' <<<"$row") $(json '["cryptedHash"]' <<<"$row")"
   check "store $item: uuid and storage type" \
     grep -Eq '^[0-9a-f-]{36} [12]$' <<<"$(json '["uuid"]' <<<"$row") $(json '["storageType"]' <<<"$row")"
+  uuid=$(json '["uuid"]' <<<"$row")
+  check "store $item leaves a copy in the cache under the service's UUID" \
+    diff -r "$work/in/$item" "$work/data/cache/${uuid:0:2}/$uuid/$item"
   check "retrieve $item succeeds" va retrieve "$id" --to "$work/out" >/dev/null
   check "retrieve $item gives the same bytes" diff -r "$work/in/$item" "$work/out/$item"
   eval "id_${item%%.*}=$id"
 done
 check "nothing is left queued" test -z "$(va transfers)"
+check "no staged cache copy is left" test -z "$(find "$work/data/cache" -maxdepth 1 -name '.store-*')"
 check "no plain or encrypted copy is left in the temporary folder" \
   test -z "$(find "$TMPDIR" -type f)"
 va retrieve "$id_photo" --to "$work/out" 2>"$work/err"
