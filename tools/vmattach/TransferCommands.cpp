@@ -126,23 +126,36 @@ std::vector<Outcome> ResumeAndWait(SqliteObjectContext& context, const TransferL
   return out;
 }
 
-// Writes the files under `root` (a file or a folder) to the disk; the first error.
-std::error_code SyncTree(const fs::path& root) {
-  std::error_code ec;
-  auto sync = [](const fs::path& file) {
+// Calls `visit` with a descriptor of each regular file under `root` (a file or a folder),
+// never following a link; the first error, of opening or of `visit` (an errno value).
+template <typename Visit>
+std::error_code ForEachFile(const fs::path& root, Visit visit) {
+  auto open_and_visit = [&visit](const fs::path& file) {
     int fd = ::open(file.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
-    int failure = fd < 0 || ::fdatasync(fd) != 0 ? errno : 0;
+    int failure = fd < 0 ? errno : visit(fd);
     if (fd >= 0) ::close(fd);
     return std::error_code(failure, std::generic_category());
   };
-  if (!fs::is_directory(fs::symlink_status(root, ec))) return sync(root);
+  std::error_code ec;
+  if (!fs::is_directory(fs::symlink_status(root, ec))) return open_and_visit(root);
   for (auto it = fs::recursive_directory_iterator(root, ec); !ec && it != fs::end(it);
        it.increment(ec)) {
     if (it->is_regular_file(ec) && !it->is_symlink(ec)) {
-      if (std::error_code failure = sync(it->path())) return failure;
+      if (std::error_code failure = open_and_visit(it->path())) return failure;
     }
   }
   return ec;
+}
+
+// Writes the files under `root` to the disk; the first error.
+std::error_code SyncTree(const fs::path& root) {
+  return ForEachFile(root, [](int fd) { return ::fdatasync(fd) == 0 ? 0 : errno; });
+}
+
+// Lets the kernel drop the clean cached pages of the files under `root`. For a large copy
+// that is kept but not read soon, so that it does not hold memory a transfer could use.
+void ReleaseCachedPages(const fs::path& root) {
+  ForEachFile(root, [](int fd) { return ::posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED); });
 }
 
 // Copies the file or folder `from` to `to`: into a hidden name beside it first, then
@@ -372,6 +385,9 @@ int StoreThroughTransfer(SqliteObjectContext& context,
       // The cache copy is opened later as the attachment itself, so it must be whole.
       if (ec || !CopyIntoPlace(source, staging / name, false, &copy_error, true)) {
         cache_problem = copy_error ? copy_error->localizedDescription() : ec.message();
+      } else {
+        // The copy is for a later opening; until then its pages need not hold memory.
+        ReleaseCachedPages(staging / name);
       }
     });
   }
@@ -428,6 +444,8 @@ int RetrieveThroughCache(SqliteObjectContext& context,
   aside += ".previous";
   fs::remove_all(aside, ec);
   bool set_aside = fs::exists(cached, ec) && (fs::rename(cached, aside, ec), !ec);
+  // The older copy only matters if the download fails.
+  if (set_aside) ReleaseCachedPages(aside);
   auto restore = [&] {
     if (!set_aside) return;
     std::error_code ignored;
