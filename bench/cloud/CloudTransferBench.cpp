@@ -237,6 +237,9 @@ int Drive(const std::string& self, const std::vector<std::size_t>& sizes, int ro
         continue;
       }
       fs::remove(curl_out);
+      // Both stored copies go at once: gigabytes left in the page cache slow later rounds.
+      fs::remove(work / "service" / uuid);
+      fs::remove(work / "service" / ("curl-" + uuid));
       best.curl_up = std::min(best.curl_up, std::stod(put.output));
       best.curl_down = std::min(best.curl_down, std::stod(get.output));
       best.curl_peak = std::max({best.curl_peak, put.peak_kib, get.peak_kib});
