@@ -8,7 +8,7 @@
 //
 // Each round measures both sides, taking turns at which goes first, and every timed step
 // starts after a sync(2), so that no step pays for the write-back of the one before it.
-// The ratio is taken within a round because the disk of a virtual machine drifts between
+// The ratio is taken within a round because a virtual machine's speed drifts between
 // rounds: a best-of per part would pair parts and wholes from different states.
 //
 //   cloud_store_bench [--sizes 256,1024] [--rounds 5] [--curl /usr/bin/curl]
@@ -151,7 +151,9 @@ bool CurlRoundTrip(const std::string& curl, int port, const fs::path& file, cons
   // The service's copy goes at once: on this kind of machine every gigabyte left in the page
   // cache slows the next rounds' input and output, and the whole's own copies go too.
   auto deleted = api.Delete(resource, headers);
-  if (get.status != 0 || fs::file_size(out) != size || !deleted || deleted->status / 100 != 2) {
+  std::error_code missing;
+  if (get.status != 0 || fs::file_size(out, missing) != size || !deleted ||
+      deleted->status / 100 != 2) {
     return false;
   }
   *put_seconds = std::stod(put.output);
@@ -178,8 +180,9 @@ bool MeasureWhole(const std::string& vmattach, const std::string& data, const fs
   std::string id = store.output.substr(0, store.output.find('\n'));
   ::sync();
   Finished retrieve = Run({vmattach, "--data-dir", data, "retrieve", id, "--to", out.string()});
+  std::error_code missing;
   const bool ok = store.status == 0 && retrieve.status == 0 &&
-                  fs::file_size(out / file.filename()) == fs::file_size(file);
+                  fs::file_size(out / file.filename(), missing) == fs::file_size(file);
   if (!ok) {
     fmt::print(stderr, "vmattach failed (store {}, retrieve {})\n", store.status, retrieve.status);
   }
