@@ -218,7 +218,23 @@ class Connection : public std::enable_shared_from_this<Connection<Stream>> {
     }
     body_start_ = SteadyClock::now();
     chunk_.resize(kBodyChunk);
+    // A client that holds its body back until told to send it (Expect: 100-continue) is
+    // told now that the body will be read, instead of stalling until its own timeout.
+    const auto& message = parser_->get();
+    if (message.version() >= 11 && beast::iequals(message[http::field::expect], "100-continue")) {
+      return sendContinue();
+    }
     readBody();
+  }
+
+  void sendContinue() {
+    static constexpr std::string_view kContinue = "HTTP/1.1 100 Continue\r\n\r\n";
+    beast::get_lowest_layer(stream_).expires_after(core_.options.idle_timeout);
+    asio::async_write(stream_, asio::buffer(kContinue.data(), kContinue.size()),
+                      [self = this->shared_from_this()](beast::error_code ec, std::size_t) {
+                        if (ec) return self->drop();
+                        self->readBody();
+                      });
   }
 
   void readBody() {

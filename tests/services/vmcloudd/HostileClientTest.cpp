@@ -2,6 +2,8 @@
 // larger than announced, slow peers, forged tokens, ambiguous requests, forged log
 // lines and half-closed connections. Raw sockets where a client library would tidy up.
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
 
 #include <chrono>
 #include <filesystem>
@@ -228,6 +230,33 @@ TEST_F(HostileClientTest, HalfClosedClientStillGetsItsAnswer) {
   std::vector<std::string> lines = capture.messages("http");
   ASSERT_GE(lines.size(), 3u);
   EXPECT_NE(lines[1].find("\"POST /v1/_internal/attachment\" 201"), std::string::npos) << lines[1];
+}
+
+TEST_F(HostileClientTest, ClientWaitingToSendItsBodyIsToldOnlyWhenItWillBeRead) {
+  nlohmann::json started = StartUpload(5);
+  const std::string head =
+      "PUT " + UploadTarget(started) + " HTTP/1.1\r\nHost: 127.0.0.1\r\nExpect: 100-continue\r\n";
+  // What the server sends first, while the body is still held back.
+  auto first_answer = [](RawConnection& connection) {
+    pollfd waiting{connection.fd(), POLLIN, 0};
+    char buffer[512];
+    if (::poll(&waiting, 1, 5000) <= 0) return std::string();
+    ssize_t got = ::recv(connection.fd(), buffer, sizeof buffer, 0);
+    return got > 0 ? std::string(buffer, static_cast<std::size_t>(got)) : std::string();
+  };
+
+  RawConnection refused(service_->port());
+  ASSERT_TRUE(refused.send(head + "Content-Length: 6\r\n\r\n"));
+  EXPECT_EQ(StatusOf(first_answer(refused)), 413) << "a body it will not read is not invited";
+
+  RawConnection accepted(service_->port());
+  ASSERT_TRUE(accepted.send(head + "Content-Length: 5\r\n\r\n"));
+  const std::string invitation = first_answer(accepted);
+  EXPECT_EQ(invitation, "HTTP/1.1 100 Continue\r\n\r\n");
+  ASSERT_TRUE(accepted.send("hello"));
+  accepted.shutdownWrite();
+  EXPECT_EQ(StatusOf(accepted.readAll()), 200);
+  EXPECT_EQ(api_.confirm(started["uuid"], 5).status, 200);
 }
 
 }  // namespace
