@@ -127,11 +127,12 @@ std::vector<Outcome> ResumeAndWait(SqliteObjectContext& context, const TransferL
 }
 
 // Calls `visit` with a descriptor of each regular file under `root` (a file or a folder),
-// never following a link; the first error, of opening or of `visit` (an errno value).
+// never following a link nor waiting on a special file; the first error, of opening or of
+// `visit` (an errno value).
 template <typename Visit>
 std::error_code ForEachFile(const fs::path& root, Visit visit) {
   auto open_and_visit = [&visit](const fs::path& file) {
-    int fd = ::open(file.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+    int fd = ::open(file.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
     int failure = fd < 0 ? errno : visit(fd);
     if (fd >= 0) ::close(fd);
     return std::error_code(failure, std::generic_category());
@@ -147,9 +148,14 @@ std::error_code ForEachFile(const fs::path& root, Visit visit) {
   return ec;
 }
 
-// Writes the files under `root` to the disk; the first error.
-std::error_code SyncTree(const fs::path& root) {
-  return ForEachFile(root, [](int fd) { return ::fdatasync(fd) == 0 ? 0 : errno; });
+// Writes the files under `root` to the disk, then lets their now clean cached pages go (a
+// copy made durable is one kept for later); the first error.
+std::error_code SyncAndReleaseTree(const fs::path& root) {
+  return ForEachFile(root, [](int fd) {
+    if (::fdatasync(fd) != 0) return errno;
+    ::posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED);
+    return 0;
+  });
 }
 
 // Lets the kernel drop the clean cached pages of the files under `root`. For a large copy
@@ -162,14 +168,15 @@ void ReleaseCachedPages(const fs::path& root) {
 // renamed into place, so that a failure leaves nothing new under `to`'s name. An existing
 // `to` is refused (EEXIST), or with `replace` swapped out and removed once the copy is in
 // place. Modes (and so executable bits) are kept. With `durable` the bytes reach the disk
-// before the name appears, so that a crash never leaves a short copy under it.
+// before the name appears, so that a crash never leaves a short copy under it, and then
+// leave the page cache: such a copy is kept for later.
 bool CopyIntoPlace(const fs::path& from, const fs::path& to, bool replace, ErrorRef* error,
                    bool durable = false) {
   fs::path partial = to.parent_path() / ("." + to.filename().string() + ".vmattach-partial");
   std::error_code ec;
   fs::remove_all(partial, ec);
   fs::copy(from, partial, fs::copy_options::recursive | fs::copy_options::copy_symlinks, ec);
-  if (!ec && durable) ec = SyncTree(partial);
+  if (!ec && durable) ec = SyncAndReleaseTree(partial);
   if (!ec && replace &&
       ::renameat2(AT_FDCWD, partial.c_str(), AT_FDCWD, to.c_str(), RENAME_EXCHANGE) == 0) {
     // `partial` now holds what was at `to`.
@@ -385,9 +392,6 @@ int StoreThroughTransfer(SqliteObjectContext& context,
       // The cache copy is opened later as the attachment itself, so it must be whole.
       if (ec || !CopyIntoPlace(source, staging / name, false, &copy_error, true)) {
         cache_problem = copy_error ? copy_error->localizedDescription() : ec.message();
-      } else {
-        // The copy is for a later opening; until then its pages need not hold memory.
-        ReleaseCachedPages(staging / name);
       }
     });
   }
