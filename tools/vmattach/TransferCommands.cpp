@@ -3,8 +3,10 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <stdio.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <iostream>
 #include <map>
 #include <nlohmann/json.hpp>
@@ -164,6 +166,73 @@ void ReleaseCachedPages(const fs::path& root) {
   ForEachFile(root, [](int fd) { return ::posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED); });
 }
 
+// A file descriptor closed when it goes out of scope.
+class OwnedFd {
+ public:
+  explicit OwnedFd(int fd) : fd_(fd) {}
+  ~OwnedFd() {
+    if (fd_ >= 0) ::close(fd_);
+  }
+  OwnedFd(const OwnedFd&) = delete;
+  OwnedFd& operator=(const OwnedFd&) = delete;
+  int get() const { return fd_; }
+
+ private:
+  int fd_;
+};
+
+// Copies the regular file `from` to the new file `to` (same mode) with its bytes going
+// straight to the disk, and flushes it. A copy that must be durable gains nothing from
+// the page cache: it would fill memory with pages that have to be written back and let
+// go of at once. EINVAL when the file system takes no direct writes (then nothing was
+// made); otherwise the first error, leaving a partial `to` for the caller to remove.
+std::error_code CopyFileToDisk(const fs::path& from, const fs::path& to) {
+  // Direct transfers need block-aligned memory, offsets and lengths; 4096 covers the
+  // block sizes in use.
+  constexpr std::size_t kAlignment = 4096;
+  constexpr std::size_t kChunk = std::size_t{1} << 20;
+  auto failure = [] { return std::error_code(errno, std::generic_category()); };
+  OwnedFd in(::open(from.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+  struct stat info {};
+  if (in.get() < 0 || ::fstat(in.get(), &info) != 0) return failure();
+  OwnedFd out(::open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC | O_DIRECT,
+                     info.st_mode & 07777));
+  // The mode exactly, whatever the umask.
+  if (out.get() < 0 || ::fchmod(out.get(), info.st_mode & 07777) != 0) return failure();
+  std::unique_ptr<std::uint8_t, decltype(&std::free)> buffer(
+      static_cast<std::uint8_t*>(std::aligned_alloc(kAlignment, kChunk)), &std::free);
+  if (!buffer) return std::make_error_code(std::errc::not_enough_memory);
+  for (;;) {
+    // A whole chunk unless the file ends first, so that every write but the last is
+    // aligned.
+    std::size_t filled = 0;
+    while (filled < kChunk) {
+      const ssize_t got = ::read(in.get(), buffer.get() + filled, kChunk - filled);
+      if (got < 0 && errno == EINTR) continue;
+      if (got < 0) return failure();
+      if (got == 0) break;
+      filled += static_cast<std::size_t>(got);
+    }
+    if (filled == 0) break;
+    // An unaligned tail goes through the page cache.
+    if (filled % kAlignment != 0 &&
+        ::fcntl(out.get(), F_SETFL, ::fcntl(out.get(), F_GETFL) & ~O_DIRECT) != 0) {
+      return failure();
+    }
+    for (std::size_t written = 0; written < filled;) {
+      const ssize_t put = ::write(out.get(), buffer.get() + written, filled - written);
+      if (put < 0 && errno == EINTR) continue;
+      if (put <= 0) return put < 0 ? failure() : std::make_error_code(std::errc::io_error);
+      written += static_cast<std::size_t>(put);
+    }
+    if (filled < kChunk) break;
+  }
+  // Direct writes may leave the file's size and block map only in memory.
+  if (::fdatasync(out.get()) != 0) return failure();
+  ::posix_fadvise(out.get(), 0, 0, POSIX_FADV_DONTNEED);
+  return {};
+}
+
 // Copies the file or folder `from` to `to`: into a hidden name beside it first, then
 // renamed into place, so that a failure leaves nothing new under `to`'s name. An existing
 // `to` is refused (EEXIST), or with `replace` swapped out and removed once the copy is in
@@ -175,8 +244,16 @@ bool CopyIntoPlace(const fs::path& from, const fs::path& to, bool replace, Error
   fs::path partial = to.parent_path() / ("." + to.filename().string() + ".vmattach-partial");
   std::error_code ec;
   fs::remove_all(partial, ec);
-  fs::copy(from, partial, fs::copy_options::recursive | fs::copy_options::copy_symlinks, ec);
-  if (!ec && durable) ec = SyncAndReleaseTree(partial);
+  bool copied = false;
+  if (durable && fs::is_regular_file(fs::symlink_status(from, ec))) {
+    ec = CopyFileToDisk(from, partial);
+    copied = ec != std::errc::invalid_argument;
+    if (!copied) fs::remove(partial, ec);
+  }
+  if (!copied) {
+    fs::copy(from, partial, fs::copy_options::recursive | fs::copy_options::copy_symlinks, ec);
+    if (!ec && durable) ec = SyncAndReleaseTree(partial);
+  }
   if (!ec && replace &&
       ::renameat2(AT_FDCWD, partial.c_str(), AT_FDCWD, to.c_str(), RENAME_EXCHANGE) == 0) {
     // `partial` now holds what was at `to`.

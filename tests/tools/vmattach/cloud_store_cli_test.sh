@@ -71,7 +71,8 @@ va scheme add cloud --type cloud --api "http://127.0.0.1:$service_port" --token 
 # Round trips: a file, an empty file and a folder tree with nested folders, an empty file
 # and an executable.
 mkdir -p "$work/in/tree/docs/drafts" "$work/in/tree/empty folder" "$work/out"
-head -c 300000 /dev/urandom >"$work/in/photo.jpg"
+# Over a megabyte and not a whole number of blocks, so that copies meet a ragged end.
+head -c 2621447 /dev/urandom >"$work/in/photo.jpg"
 : >"$work/in/empty.txt"
 : >"$work/in/tree/docs/drafts/nothing yet"
 head -c 5000 /dev/urandom >"$work/in/tree/docs/plan.bin"
