@@ -52,6 +52,8 @@ namespace {
 constexpr std::int64_t kProcessingErrorCode = 1000;
 constexpr std::int64_t kCacheFolderErrorCode = 300;
 constexpr std::size_t kDigestLength = 20;
+// A consumed source is cut in steps of this many bytes: few enough calls, little held.
+constexpr off_t kReleaseStride = off_t{8} << 20;
 
 ErrorRef ProcessingError(std::string_view description, ErrorRef underlying = nullptr) {
   return Error::WithDescription(kVMFileAttachmentDomain, kProcessingErrorCode, description,
@@ -339,6 +341,14 @@ void VMCAttachment::removeDeletionAttachment(const DataIdentifier& data_identifi
 bool VMCAttachment::processAttachment(const std::shared_ptr<HXFileAttachment>& attachment,
                                       const fs::path& source_url, const fs::path& destination_url,
                                       std::int64_t operation, ErrorRef* error) {
+  return processAttachment(attachment, source_url, destination_url, operation, SourceUse::kKeep,
+                           error);
+}
+
+bool VMCAttachment::processAttachment(const std::shared_ptr<HXFileAttachment>& attachment,
+                                      const fs::path& source_url, const fs::path& destination_url,
+                                      std::int64_t operation, SourceUse source_use,
+                                      ErrorRef* error) {
   if (!attachment) return Fail(error, ProcessingError("Must provide an attachment object."));
   if (source_url.empty()) return Fail(error, ProcessingError("Must provide a source file path."));
   std::error_code status_error;
@@ -367,7 +377,9 @@ bool VMCAttachment::processAttachment(const std::shared_ptr<HXFileAttachment>& a
   const char* const cipher_failure =
       encrypting ? "Could not encrypt attachment." : "Could not decrypt attachment.";
 
-  ScopedFd source(::open(source_url.c_str(), O_RDONLY | O_CLOEXEC));
+  // Punching holes needs a descriptor open for writing.
+  bool release_behind = source_use == SourceUse::kReleaseBehind;
+  ScopedFd source(::open(source_url.c_str(), (release_behind ? O_RDWR : O_RDONLY) | O_CLOEXEC));
   if (!source.valid()) {
     ErrorRef cause = PosixError(errno, source_url);
     return Fail(error,
@@ -410,6 +422,9 @@ bool VMCAttachment::processAttachment(const std::shared_ptr<HXFileAttachment>& a
   // after the point of failure reaches the destination.
   ErrorRef io_error;
   bool cipher_failed = false;
+  // Bytes of the source read and processed so far, and how many of them were cut out.
+  off_t consumed = 0;
+  off_t released = 0;
   for (;;) {
     const ssize_t got = ReadSome(source.get(), chunk.get(), kProcessChunkSize);
     if (got < 0) {
@@ -435,6 +450,12 @@ bool VMCAttachment::processAttachment(const std::shared_ptr<HXFileAttachment>& a
       break;
     }
     if (read_length == 0) break;
+    consumed += static_cast<off_t>(read_length);
+    if (release_behind && consumed - released >= kReleaseStride) {
+      release_behind = ::fallocate(source.get(), FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE,
+                                   released, consumed - released) == 0;
+      released = consumed;
+    }
   }
   hasher.reset();
   const Bytes input_hash = input_digest.finish();
@@ -521,8 +542,8 @@ bool VMCAttachment::saveDownloadedAttachment(const std::shared_ptr<HXFileAttachm
   ErrorRef decrypt_error;
   bool decrypted = false;
   try {
-    decrypted =
-        processAttachment(attachment, downloaded_url, work_url, kOperationDecrypt, &decrypt_error);
+    decrypted = processAttachment(attachment, downloaded_url, work_url, kOperationDecrypt,
+                                  SourceUse::kReleaseBehind, &decrypt_error);
   } catch (const std::exception& exception) {
     decrypt_error = ProcessingError(exception.what());
     decrypted = false;

@@ -317,6 +317,34 @@ TEST_F(SaveDownloadedTest, PlainFileTakesTheRecordsNameAndDates) {
   }
 }
 
+TEST_F(SaveDownloadedTest, ConsumesTheDownloadAsItDecrypts) {
+  // Over several release steps, with a ragged end.
+  const std::string plain = RandomText((std::size_t{20} << 20) + 12345, 7);
+  auto attachment = NewAttachment();
+  attachment->setName("big.bin");
+  const fs::path crypted = Encrypt(attachment, plain);
+  const auto crypted_size = fs::file_size(crypted);
+  const fs::path cache = dir_ / "cache-big";
+  fs::create_directories(cache);
+  bool ok = false;
+  ErrorRef error = Save(attachment, crypted, cache / "random-name", &ok);
+  ASSERT_TRUE(ok) << (error ? error->summary() : "");
+  EXPECT_EQ(ReadFile(cache / "big.bin"), plain);
+  // The download keeps its length but no longer holds what was decrypted: at most the
+  // last unreleased step is left.
+  struct stat info {};
+  ASSERT_EQ(::stat(crypted.c_str(), &info), 0);
+  EXPECT_EQ(static_cast<std::uintmax_t>(info.st_size), crypted_size);
+  EXPECT_LT(info.st_blocks * 512, 9 << 20);
+  // Processing on its own never touches its source.
+  const fs::path again = EmptyFile("again");
+  const fs::path kept = Encrypt(attachment, plain, "kept");
+  ASSERT_TRUE(handler_->processAttachment(attachment, kept, again, VMCAttachment::kOperationDecrypt,
+                                          &error));
+  ASSERT_EQ(::stat(kept.c_str(), &info), 0);
+  EXPECT_GE(static_cast<std::uintmax_t>(info.st_blocks * 512), fs::file_size(kept));
+}
+
 TEST_F(SaveDownloadedTest, ArchiveIsUnpackedIntoTheCacheFolder) {
   fs::create_directories(dir_ / "bundle" / "Contents");
   WriteFile(dir_ / "bundle" / "Contents" / "Info.txt", "inside");
