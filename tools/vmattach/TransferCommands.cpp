@@ -151,7 +151,7 @@ std::error_code ForEachFile(const fs::path& root, Visit visit) {
 }
 
 // Writes the files under `root` to the disk, then lets their now clean cached pages go (a
-// copy made durable is one kept for later); the first error.
+// copy made durable is one not read again soon); the first error.
 std::error_code SyncAndReleaseTree(const fs::path& root) {
   return ForEachFile(root, [](int fd) {
     if (::fdatasync(fd) != 0) return errno;
@@ -237,8 +237,9 @@ std::error_code CopyFileToDisk(const fs::path& from, const fs::path& to) {
 // renamed into place, so that a failure leaves nothing new under `to`'s name. An existing
 // `to` is refused (EEXIST), or with `replace` swapped out and removed once the copy is in
 // place. Modes (and so executable bits) are kept. With `durable` the bytes reach the disk
-// before the name appears, so that a crash never leaves a short copy under it, and then
-// leave the page cache: such a copy is kept for later.
+// before the name appears, so that a crash never leaves a short copy under it, and do not
+// stay in the page cache: a file goes straight to the disk, a folder's files are flushed
+// and let go of.
 bool CopyIntoPlace(const fs::path& from, const fs::path& to, bool replace, ErrorRef* error,
                    bool durable = false) {
   fs::path partial = to.parent_path() / ("." + to.filename().string() + ".vmattach-partial");
@@ -571,7 +572,9 @@ int RetrieveThroughCache(SqliteObjectContext& context,
       fs::remove_all(aside, ignored);
     });
   }
-  if (!CopyIntoPlace(result, target, replace, &error)) return ReportFailure(error);
+  // Durable, so that a crash after "finished" never leaves a short file under the name,
+  // nor with --replace a short file in place of the one it replaced.
+  if (!CopyIntoPlace(result, target, replace, &error, true)) return ReportFailure(error);
   if (!context.saveChanges(&error)) return ReportFailure(error);
   if (options.json) {
     PrintJSON({{"id", attachment->primaryKeyValue()},
