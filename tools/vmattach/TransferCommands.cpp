@@ -10,8 +10,10 @@
 #include <iostream>
 #include <map>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <thread>
 
+#include "VMAttachments/cloud/VMCAttachment.h"
 #include "host/HXAttachmentCache.h"
 #include "host/HXFileAttachmentScheme.h"
 #include "host/HXFileAttachmentSchemeHandler.h"
@@ -22,6 +24,7 @@
 #include "platform/Progress.h"
 #include "platform/SafeNames.h"
 #include "platform/UniqueID.h"
+#include "tools/vmattach/GrowingFileCopy.h"
 #include "tools/vmattach/Host.h"
 
 namespace vm::vmattach {
@@ -233,16 +236,40 @@ std::error_code CopyFileToDisk(const fs::path& from, const fs::path& to) {
   return {};
 }
 
-// Copies the file or folder `from` to `to`: into a hidden name beside it first, then
-// renamed into place, so that a failure leaves nothing new under `to`'s name. An existing
-// `to` is refused (EEXIST), or with `replace` swapped out and removed once the copy is in
-// place. Modes (and so executable bits) are kept. With `durable` the bytes reach the disk
-// before the name appears, so that a crash never leaves a short copy under it, and do not
-// stay in the page cache: a file goes straight to the disk, a folder's files are flushed
-// and let go of.
+// The hidden name beside `to` under which a copy is made before it is put in place.
+fs::path PartialPathFor(const fs::path& to) {
+  return to.parent_path() / ("." + to.filename().string() + ".vmattach-partial");
+}
+
+// Renames the finished copy `partial` to `to`. An existing `to` is refused (EEXIST), or
+// with `replace` swapped out and removed once the copy is in place. On failure `partial`
+// is removed.
+bool PutInPlace(const fs::path& partial, const fs::path& to, bool replace, ErrorRef* error) {
+  std::error_code ec;
+  if (replace &&
+      ::renameat2(AT_FDCWD, partial.c_str(), AT_FDCWD, to.c_str(), RENAME_EXCHANGE) == 0) {
+    // `partial` now holds what was at `to`.
+    fs::remove_all(partial, ec);
+    return true;
+  }
+  if (::renameat2(AT_FDCWD, partial.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) {
+    return true;
+  }
+  ec = std::error_code(errno, std::generic_category());
+  std::error_code ignored;
+  fs::remove_all(partial, ignored);
+  return Fail(error, PosixError(ec, to));
+}
+
+// Copies the file or folder `from` to `to`: into a hidden name beside it first, then put
+// in place (PutInPlace), so that a failure leaves nothing new under `to`'s name. Modes
+// (and so executable bits) are kept. With `durable` the bytes reach the disk before the
+// name appears, so that a crash never leaves a short copy under it, and do not stay in
+// the page cache: a file goes straight to the disk, a folder's files are flushed and let
+// go of.
 bool CopyIntoPlace(const fs::path& from, const fs::path& to, bool replace, ErrorRef* error,
                    bool durable = false) {
-  fs::path partial = to.parent_path() / ("." + to.filename().string() + ".vmattach-partial");
+  const fs::path partial = PartialPathFor(to);
   std::error_code ec;
   fs::remove_all(partial, ec);
   bool copied = false;
@@ -255,21 +282,39 @@ bool CopyIntoPlace(const fs::path& from, const fs::path& to, bool replace, Error
     fs::copy(from, partial, fs::copy_options::recursive | fs::copy_options::copy_symlinks, ec);
     if (!ec && durable) ec = SyncAndReleaseTree(partial);
   }
-  if (!ec && replace &&
-      ::renameat2(AT_FDCWD, partial.c_str(), AT_FDCWD, to.c_str(), RENAME_EXCHANGE) == 0) {
-    // `partial` now holds what was at `to`.
-    fs::remove_all(partial, ec);
-    return true;
-  }
-  if (!ec && ::renameat2(AT_FDCWD, partial.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) != 0) {
-    ec = std::error_code(errno, std::generic_category());
-  }
   if (ec) {
     std::error_code ignored;
     fs::remove_all(partial, ignored);
     return Fail(error, PosixError(ec, to));
   }
-  return true;
+  return PutInPlace(partial, to, replace, error);
+}
+
+// The file in which the cloud scheme decrypts a download of a plain file
+// ($TMPDIR/<UUID>/crypt), when following it is worth it and safe: the record is a cloud
+// one stored as a plain file, the folder is not someone else's, and any stale file under
+// that name is gone, so that the file followed is the one this decryption creates.
+// Empty otherwise.
+fs::path DecryptionWorkFile(const HXFileAttachmentSchemeHandler& handler,
+                            const HXFileAttachment& attachment) {
+  if (dynamic_cast<const VMCAttachment*>(&handler) == nullptr) return {};
+  // The scheme takes a record without a storage type for a plain file.
+  if (auto type = attachment.objectForKeyedSubscript(kHXFileAttachmentStorageTypeKey)) {
+    const auto* number = std::get_if<std::int64_t>(&*type);
+    if (number == nullptr || *number != VMCAttachment::kStorageTypePlainFile) return {};
+  }
+  const std::string uuid = attachment.attachmentUUID().value_or("");
+  std::error_code ec;
+  const fs::path folder = fs::temp_directory_path(ec) / uuid;
+  if (ec || CheckFileName(uuid, "attachment UUID")) return {};
+  struct stat info {};
+  if (::lstat(folder.c_str(), &info) == 0 &&
+      (!S_ISDIR(info.st_mode) || info.st_uid != ::geteuid())) {
+    return {};
+  }
+  const fs::path work = folder / "crypt";
+  if (::unlink(work.c_str()) != 0 && errno != ENOENT) return {};
+  return work;
 }
 
 fs::path CacheFolder(const HXFileAttachment& attachment) {
@@ -535,6 +580,16 @@ int RetrieveThroughCache(SqliteObjectContext& context,
     fs::rename(aside, cached, ignored);
   };
 
+  // A plain file is copied into DIR while the scheme decrypts it, straight to the disk,
+  // which the decryption leaves idle, instead of after it. That copy is used only when it
+  // is provably of the file that ended in the cache; otherwise the copy below is made.
+  const fs::path partial = PartialPathFor(target);
+  std::optional<GrowingFileCopy> early_copy;
+  if (const fs::path work = DecryptionWorkFile(handler, *attachment); !work.empty()) {
+    fs::remove_all(partial, ec);
+    early_copy.emplace(work, partial);
+  }
+
   auto delegate = std::make_shared<CommandDelegate>("retrieve");
   attachment->setDelegate(delegate);
   ErrorRef error;
@@ -574,7 +629,10 @@ int RetrieveThroughCache(SqliteObjectContext& context,
   }
   // Durable, so that a crash after "finished" never leaves a short file under the name,
   // nor with --replace a short file in place of the one it replaced.
-  if (!CopyIntoPlace(result, target, replace, &error, true)) return ReportFailure(error);
+  const bool placed = early_copy && early_copy->finish(result)
+                          ? PutInPlace(partial, target, replace, &error)
+                          : CopyIntoPlace(result, target, replace, &error, true);
+  if (!placed) return ReportFailure(error);
   if (!context.saveChanges(&error)) return ReportFailure(error);
   if (options.json) {
     PrintJSON({{"id", attachment->primaryKeyValue()},

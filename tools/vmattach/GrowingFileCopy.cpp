@@ -1,0 +1,159 @@
+#include "tools/vmattach/GrowingFileCopy.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <memory>
+#include <utility>
+
+namespace vm::vmattach {
+namespace {
+
+// Direct writes need block-aligned memory, offsets and lengths; 4096 covers the block
+// sizes in use, and every chunk but the last is a whole number of blocks.
+constexpr std::size_t kAlignment = 4096;
+constexpr std::size_t kChunk = std::size_t{1} << 20;
+// How long the thread sleeps when there is nothing to do: while waiting for the file to
+// appear, and when it has caught up with the writer.
+constexpr auto kWaitingPause = std::chrono::milliseconds(5);
+constexpr auto kCaughtUpPause = std::chrono::milliseconds(2);
+
+struct FreeDeleter {
+  void operator()(std::uint8_t* bytes) const { std::free(bytes); }
+};
+
+}  // namespace
+
+GrowingFileCopy::GrowingFileCopy(std::filesystem::path source, std::filesystem::path destination)
+    : source_(std::move(source)),
+      destination_(std::move(destination)),
+      thread_([this] { follow(); }) {}
+
+GrowingFileCopy::~GrowingFileCopy() {
+  if (thread_.joinable() || in_ >= 0 || out_ >= 0) abandon();
+}
+
+void GrowingFileCopy::follow() {
+  while (in_ < 0) {
+    if (stop_) return;
+    // Read before trying: a file that is not there once the writer is done never comes.
+    const bool writer_done = writer_done_;
+    int fd = ::open(source_.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    if (fd >= 0) {
+      struct stat info {};
+      if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode) || info.st_uid != ::geteuid()) {
+        ::close(fd);
+        broken_ = true;
+        return;
+      }
+      in_ = fd;
+      break;
+    }
+    if (writer_done) return;
+    std::this_thread::sleep_for(kWaitingPause);
+  }
+  constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+  out_ = ::open(destination_.c_str(), kFlags | O_DIRECT, 0600);
+  // A file system without direct writes gets ordinary ones.
+  if (out_ < 0 && errno == EINVAL) out_ = ::open(destination_.c_str(), kFlags, 0600);
+  if (out_ < 0) {
+    broken_ = true;
+    return;
+  }
+  std::unique_ptr<std::uint8_t, FreeDeleter> buffer(
+      static_cast<std::uint8_t*>(std::aligned_alloc(kAlignment, kChunk)));
+  if (!buffer) {
+    broken_ = true;
+    return;
+  }
+  for (;;) {
+    // Read before copying, so that the last pass starts after the writer's last byte.
+    const bool writer_done = writer_done_;
+    const off_t before = copied_;
+    if (!copyAvailable(buffer.get(), writer_done)) {
+      broken_ = true;
+      return;
+    }
+    if (writer_done) {
+      ended_ = true;
+      return;
+    }
+    if (stop_) return;
+    if (copied_ == before) std::this_thread::sleep_for(kCaughtUpPause);
+  }
+}
+
+bool GrowingFileCopy::copyAvailable(std::uint8_t* buffer, bool to_end) {
+  struct stat info {};
+  if (::fstat(in_, &info) != 0 || info.st_size < copied_) return false;
+  for (;;) {
+    const off_t left = info.st_size - copied_;
+    if (left == 0 || (!to_end && left < static_cast<off_t>(kChunk))) return true;
+    const std::size_t want =
+        left < static_cast<off_t>(kChunk) ? static_cast<std::size_t>(left) : kChunk;
+    std::size_t filled = 0;
+    while (filled < want) {
+      const ssize_t got = ::pread(in_, buffer + filled, want - filled, copied_ + filled);
+      if (got < 0 && errno == EINTR) continue;
+      if (got <= 0) return false;  // an error, or shorter than it just was
+      filled += static_cast<std::size_t>(got);
+    }
+    if (!writeOut(buffer, filled)) return false;
+    copied_ += static_cast<off_t>(filled);
+  }
+}
+
+bool GrowingFileCopy::writeOut(const std::uint8_t* bytes, std::size_t length) {
+  // An unaligned tail goes through the page cache.
+  if (length % kAlignment != 0) {
+    const int flags = ::fcntl(out_, F_GETFL);
+    if (flags < 0 || ::fcntl(out_, F_SETFL, flags & ~O_DIRECT) != 0) return false;
+  }
+  while (length > 0) {
+    const ssize_t put = ::write(out_, bytes, length);
+    if (put < 0 && errno == EINTR) continue;
+    if (put <= 0) return false;
+    bytes += put;
+    length -= static_cast<std::size_t>(put);
+  }
+  return true;
+}
+
+bool GrowingFileCopy::finish(const std::filesystem::path& final_path) {
+  writer_done_ = true;
+  if (thread_.joinable()) thread_.join();
+  struct stat followed {};
+  struct stat landed {};
+  bool whole = ended_ && !broken_ && ::fstat(in_, &followed) == 0 &&
+               ::lstat(final_path.c_str(), &landed) == 0 && S_ISREG(landed.st_mode) &&
+               landed.st_dev == followed.st_dev && landed.st_ino == followed.st_ino &&
+               landed.st_size == copied_ && ::fchmod(out_, landed.st_mode & 07777) == 0 &&
+               ::fdatasync(out_) == 0;
+  if (whole) {
+    // A failed close may have lost written bytes.
+    whole = ::close(std::exchange(out_, -1)) == 0;
+    if (!whole) ::unlink(destination_.c_str());
+  }
+  if (!whole) {
+    abandon();
+    return false;
+  }
+  ::close(std::exchange(in_, -1));
+  return true;
+}
+
+void GrowingFileCopy::abandon() {
+  stop_ = true;
+  if (thread_.joinable()) thread_.join();
+  if (in_ >= 0) ::close(std::exchange(in_, -1));
+  if (out_ >= 0) {
+    ::close(std::exchange(out_, -1));
+    ::unlink(destination_.c_str());
+  }
+}
+
+}  // namespace vm::vmattach
