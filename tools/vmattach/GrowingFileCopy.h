@@ -21,7 +21,9 @@ namespace vm::vmattach {
 // costs the disk's time, not memory, and so overlaps well with a writer that is busy
 // computing. finish() keeps the copy only when the file now at the writer's final name is
 // the one followed, it was never seen shorter than what was copied, and every byte of it
-// was copied and flushed; anything else leaves no destination behind.
+// was copied and flushed; anything else leaves no destination behind. A writer that
+// rewrites bytes already copied, without first cutting the file below them, is beyond
+// what these checks can tell.
 //
 // Not thread-safe: one owner calls finish() or abandon() once; the destructor abandons a
 // copy that was not finished.
