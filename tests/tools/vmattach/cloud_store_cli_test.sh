@@ -123,11 +123,13 @@ if [ "$mode" = embedded ]; then
   # Killed while the PUT runs: the next process lists the upload and completes it.
   head -c 3000000 /dev/urandom >"$work/in/big.bin"
   echo 200000 >"$work/rate"
-  echo 0 >"$work/forwarded"
+  # The proxy counts every byte it ever forwarded, so the wait is for this upload's own.
+  sleep 0.2
+  before=$(cat "$work/forwarded")
   va store "$work/in/big.bin" --scheme cloud >/dev/null 2>&1 &
   store_pid=$!
   for _ in $(seq 200); do
-    [ "$(cat "$work/forwarded")" -gt 400000 ] 2>/dev/null && break
+    [ "$(cat "$work/forwarded")" -gt $((before + 400000)) ] 2>/dev/null && break
     sleep 0.05
   done
   kill -KILL "$store_pid"
