@@ -377,9 +377,14 @@ bool VMCAttachment::processAttachment(const std::shared_ptr<HXFileAttachment>& a
   const char* const cipher_failure =
       encrypting ? "Could not encrypt attachment." : "Could not decrypt attachment.";
 
-  // Punching holes needs a descriptor open for writing.
-  bool release_behind = source_use == SourceUse::kReleaseBehind;
-  ScopedFd source(::open(source_url.c_str(), (release_behind ? O_RDWR : O_RDONLY) | O_CLOEXEC));
+  // Punching holes needs a descriptor open for writing; a source that cannot be opened so
+  // is read as it is.
+  auto open_source = [&source_url](int access) {
+    return ::open(source_url.c_str(), access | O_CLOEXEC);
+  };
+  int source_fd = source_use == SourceUse::kReleaseBehind ? open_source(O_RDWR) : -1;
+  bool release_behind = source_fd >= 0;
+  ScopedFd source(release_behind ? source_fd : open_source(O_RDONLY));
   if (!source.valid()) {
     ErrorRef cause = PosixError(errno, source_url);
     return Fail(error,
