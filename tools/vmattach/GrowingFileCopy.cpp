@@ -6,25 +6,17 @@
 
 #include <cerrno>
 #include <chrono>
-#include <cstdlib>
-#include <memory>
 #include <utility>
+
+#include "tools/vmattach/DirectWrite.h"
 
 namespace vm::vmattach {
 namespace {
 
-// Direct writes need block-aligned memory, offsets and lengths; 4096 covers the block
-// sizes in use, and every chunk but the last is a whole number of blocks.
-constexpr std::size_t kAlignment = 4096;
-constexpr std::size_t kChunk = std::size_t{1} << 20;
 // How long the thread sleeps when there is nothing to do: while waiting for the file to
 // appear, and when it has caught up with the writer.
 constexpr auto kWaitingPause = std::chrono::milliseconds(5);
 constexpr auto kCaughtUpPause = std::chrono::milliseconds(2);
-
-struct FreeDeleter {
-  void operator()(std::uint8_t* bytes) const { std::free(bytes); }
-};
 
 }  // namespace
 
@@ -64,8 +56,7 @@ void GrowingFileCopy::follow() {
     broken_ = true;
     return;
   }
-  std::unique_ptr<std::uint8_t, FreeDeleter> buffer(
-      static_cast<std::uint8_t*>(std::aligned_alloc(kAlignment, kChunk)));
+  DirectBuffer buffer = NewDirectBuffer();
   if (!buffer) {
     broken_ = true;
     return;
@@ -92,9 +83,9 @@ bool GrowingFileCopy::copyAvailable(std::uint8_t* buffer, bool to_end) {
   if (::fstat(in_, &info) != 0 || info.st_size < copied_) return false;
   for (;;) {
     const off_t left = info.st_size - copied_;
-    if (left == 0 || (!to_end && left < static_cast<off_t>(kChunk))) return true;
+    if (left == 0 || (!to_end && left < static_cast<off_t>(kDirectChunk))) return true;
     const std::size_t want =
-        left < static_cast<off_t>(kChunk) ? static_cast<std::size_t>(left) : kChunk;
+        left < static_cast<off_t>(kDirectChunk) ? static_cast<std::size_t>(left) : kDirectChunk;
     std::size_t filled = 0;
     while (filled < want) {
       const ssize_t got = ::pread(in_, buffer + filled, want - filled, copied_ + filled);
@@ -102,25 +93,9 @@ bool GrowingFileCopy::copyAvailable(std::uint8_t* buffer, bool to_end) {
       if (got <= 0) return false;  // an error, or shorter than it just was
       filled += static_cast<std::size_t>(got);
     }
-    if (!writeOut(buffer, filled)) return false;
+    if (!WriteDirect(out_, buffer, filled)) return false;
     copied_ += static_cast<off_t>(filled);
   }
-}
-
-bool GrowingFileCopy::writeOut(const std::uint8_t* bytes, std::size_t length) {
-  // An unaligned tail goes through the page cache.
-  if (length % kAlignment != 0) {
-    const int flags = ::fcntl(out_, F_GETFL);
-    if (flags < 0 || ::fcntl(out_, F_SETFL, flags & ~O_DIRECT) != 0) return false;
-  }
-  while (length > 0) {
-    const ssize_t put = ::write(out_, bytes, length);
-    if (put < 0 && errno == EINTR) continue;
-    if (put <= 0) return false;
-    bytes += put;
-    length -= static_cast<std::size_t>(put);
-  }
-  return true;
 }
 
 bool GrowingFileCopy::finish(const std::filesystem::path& final_path) {

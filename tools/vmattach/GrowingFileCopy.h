@@ -47,7 +47,6 @@ class GrowingFileCopy {
   // Copies the whole chunks written so far through `buffer` (one aligned chunk), and with
   // `to_end` the rest too; false on an error or when the file shrank.
   bool copyAvailable(std::uint8_t* buffer, bool to_end);
-  bool writeOut(const std::uint8_t* bytes, std::size_t length);
 
   const std::filesystem::path source_;
   const std::filesystem::path destination_;

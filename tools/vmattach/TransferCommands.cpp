@@ -6,7 +6,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <iostream>
 #include <map>
 #include <nlohmann/json.hpp>
@@ -24,6 +23,7 @@
 #include "platform/Progress.h"
 #include "platform/SafeNames.h"
 #include "platform/UniqueID.h"
+#include "tools/vmattach/DirectWrite.h"
 #include "tools/vmattach/GrowingFileCopy.h"
 #include "tools/vmattach/Host.h"
 
@@ -190,10 +190,6 @@ class OwnedFd {
 // go of at once. EINVAL when the file system takes no direct writes (then nothing was
 // made); otherwise the first error, leaving a partial `to` for the caller to remove.
 std::error_code CopyFileToDisk(const fs::path& from, const fs::path& to) {
-  // Direct transfers need block-aligned memory, offsets and lengths; 4096 covers the
-  // block sizes in use.
-  constexpr std::size_t kAlignment = 4096;
-  constexpr std::size_t kChunk = std::size_t{1} << 20;
   auto failure = [] { return std::error_code(errno, std::generic_category()); };
   OwnedFd in(::open(from.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
   struct stat info {};
@@ -202,33 +198,20 @@ std::error_code CopyFileToDisk(const fs::path& from, const fs::path& to) {
                      info.st_mode & 07777));
   // The mode exactly, whatever the umask.
   if (out.get() < 0 || ::fchmod(out.get(), info.st_mode & 07777) != 0) return failure();
-  std::unique_ptr<std::uint8_t, decltype(&std::free)> buffer(
-      static_cast<std::uint8_t*>(std::aligned_alloc(kAlignment, kChunk)), &std::free);
+  DirectBuffer buffer = NewDirectBuffer();
   if (!buffer) return std::make_error_code(std::errc::not_enough_memory);
   for (;;) {
-    // A whole chunk unless the file ends first, so that every write but the last is
-    // aligned.
+    // A whole chunk unless the file ends first.
     std::size_t filled = 0;
-    while (filled < kChunk) {
-      const ssize_t got = ::read(in.get(), buffer.get() + filled, kChunk - filled);
+    while (filled < kDirectChunk) {
+      const ssize_t got = ::read(in.get(), buffer.get() + filled, kDirectChunk - filled);
       if (got < 0 && errno == EINTR) continue;
       if (got < 0) return failure();
       if (got == 0) break;
       filled += static_cast<std::size_t>(got);
     }
-    if (filled == 0) break;
-    // An unaligned tail goes through the page cache.
-    if (filled % kAlignment != 0 &&
-        ::fcntl(out.get(), F_SETFL, ::fcntl(out.get(), F_GETFL) & ~O_DIRECT) != 0) {
-      return failure();
-    }
-    for (std::size_t written = 0; written < filled;) {
-      const ssize_t put = ::write(out.get(), buffer.get() + written, filled - written);
-      if (put < 0 && errno == EINTR) continue;
-      if (put <= 0) return put < 0 ? failure() : std::make_error_code(std::errc::io_error);
-      written += static_cast<std::size_t>(put);
-    }
-    if (filled < kChunk) break;
+    if (filled > 0 && !WriteDirect(out.get(), buffer.get(), filled)) return failure();
+    if (filled < kDirectChunk) break;
   }
   // Direct writes may leave the file's size and block map only in memory.
   if (::fdatasync(out.get()) != 0) return failure();
