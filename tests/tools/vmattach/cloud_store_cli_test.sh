@@ -115,7 +115,9 @@ if [ "$mode" = embedded ]; then
   check "the stored bytes hash to the crypted hash" \
     test "$(sha1sum <"$blob" | cut -c1-40)" = "$(json '["cryptedHash"]' <<<"$row")"
   blob=$(find "$work/service/blobs" -type f -iname "$(va show "$id_tree" --json | json '["uuid"]')*" | head -1)
-  printf '\xff' | dd of="$blob" bs=1 seek=20 conv=notrunc status=none
+  # The byte's bits inverted, so that it always changes.
+  byte=$(od -An -tu1 -j20 -N1 "$blob" | tr -d ' ')
+  printf "\\$(printf '%03o' $((255 - byte)))" | dd of="$blob" bs=1 seek=20 conv=notrunc status=none
   va retrieve "$id_tree" --to "$work/flipped" 2>"$work/err"
   check "a flipped stored byte fails the retrieval" grep -q 'Failed to save downloaded file.' "$work/err"
   check "and leaves nothing at the destination" test -z "$(ls -A "$work/flipped" 2>/dev/null)"
@@ -126,7 +128,8 @@ if [ "$mode" = embedded ]; then
   # The proxy counts every byte it ever forwarded, so the wait is for this upload's own.
   sleep 0.2
   before=$(cat "$work/forwarded")
-  va store "$work/in/big.bin" --scheme cloud >/dev/null 2>&1 &
+  # vmattach itself, not a shell running it, so that the kill reaches the process.
+  "$vmattach" --data-dir "$work/data" store "$work/in/big.bin" --scheme cloud >/dev/null 2>&1 &
   store_pid=$!
   for _ in $(seq 200); do
     [ "$(cat "$work/forwarded")" -gt $((before + 400000)) ] 2>/dev/null && break
