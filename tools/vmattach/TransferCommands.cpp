@@ -273,19 +273,12 @@ bool CopyIntoPlace(const fs::path& from, const fs::path& to, bool replace, Error
   return PutInPlace(partial, to, replace, error);
 }
 
-// The file in which the cloud scheme decrypts a download of a plain file
-// ($TMPDIR/<UUID>/crypt), when following it is worth it and safe: the record is a cloud
-// one stored as a plain file, the folder is not someone else's, and any stale file under
-// that name is gone, so that the file followed is the one this decryption creates.
-// Empty otherwise.
-fs::path DecryptionWorkFile(const HXFileAttachmentSchemeHandler& handler,
-                            const HXFileAttachment& attachment) {
+// The folder in which the cloud scheme decrypts a download ($TMPDIR/<UUID>), when the
+// handler is the cloud scheme's, the UUID is one folder name, and the folder is either
+// missing or a directory of our own (never someone else's, nor a link). Empty otherwise.
+fs::path DecryptionFolder(const HXFileAttachmentSchemeHandler& handler,
+                          const HXFileAttachment& attachment) {
   if (dynamic_cast<const VMCAttachment*>(&handler) == nullptr) return {};
-  // The scheme takes a record without a storage type for a plain file.
-  if (auto type = attachment.objectForKeyedSubscript(kHXFileAttachmentStorageTypeKey)) {
-    const auto* number = std::get_if<std::int64_t>(&*type);
-    if (number == nullptr || *number != VMCAttachment::kStorageTypePlainFile) return {};
-  }
   const std::string uuid = attachment.attachmentUUID().value_or("");
   std::error_code ec;
   const fs::path folder = fs::temp_directory_path(ec) / uuid;
@@ -295,9 +288,33 @@ fs::path DecryptionWorkFile(const HXFileAttachmentSchemeHandler& handler,
       (!S_ISDIR(info.st_mode) || info.st_uid != ::geteuid())) {
     return {};
   }
+  return folder;
+}
+
+// The file in which the cloud scheme decrypts a download of a plain file
+// (DecryptionFolder / "crypt"), when following it is worth it and safe: the record is
+// stored as a plain file, and any stale file under that name is gone, so that the file
+// followed is the one this decryption creates. Empty otherwise.
+fs::path DecryptionWorkFile(const HXFileAttachmentSchemeHandler& handler,
+                            const HXFileAttachment& attachment) {
+  // The scheme takes a record without a storage type for a plain file.
+  if (auto type = attachment.objectForKeyedSubscript(kHXFileAttachmentStorageTypeKey)) {
+    const auto* number = std::get_if<std::int64_t>(&*type);
+    if (number == nullptr || *number != VMCAttachment::kStorageTypePlainFile) return {};
+  }
+  const fs::path folder = DecryptionFolder(handler, attachment);
+  if (folder.empty()) return {};
   const fs::path work = folder / "crypt";
   if (::unlink(work.c_str()) != 0 && errno != ENOENT) return {};
   return work;
+}
+
+// The scheme leaves its decryption folder behind, empty: a host that retrieves many
+// attachments would leave one per attachment. rmdir(2) removes it only when empty.
+void RemoveEmptyDecryptionFolder(const HXFileAttachmentSchemeHandler& handler,
+                                 const HXFileAttachment& attachment) {
+  const fs::path folder = DecryptionFolder(handler, attachment);
+  if (!folder.empty()) ::rmdir(folder.c_str());
 }
 
 fs::path CacheFolder(const HXFileAttachment& attachment) {
@@ -367,6 +384,12 @@ int RunResume(const GlobalOptions& options, std::uint64_t id) {
     if (!failure && transfer->operationType() == kTransferOperationDelete &&
         transfer->attachment()) {
       ForgetAttachment(*context, transfer->attachment(), &failure);
+    }
+    if (transfer->operationType() == kTransferOperationDownload && transfer->attachment()) {
+      auto scheme = transfer->attachment()->fileAttachmentScheme();
+      if (auto handler = scheme ? scheme->schemeHandler() : nullptr) {
+        RemoveEmptyDecryptionFolder(*handler, *transfer->attachment());
+      }
     }
     if (options.json) {
       nlohmann::json item = {
@@ -535,10 +558,12 @@ int StoreThroughTransfer(SqliteObjectContext& context,
   return 0;
 }
 
-int RetrieveThroughCache(SqliteObjectContext& context,
-                         const std::shared_ptr<HXFileAttachment>& attachment,
-                         HXFileAttachmentSchemeHandler& handler, const fs::path& destination,
-                         bool replace, const GlobalOptions& options) {
+namespace {
+
+int RetrieveAndCopy(SqliteObjectContext& context,
+                    const std::shared_ptr<HXFileAttachment>& attachment,
+                    HXFileAttachmentSchemeHandler& handler, const fs::path& destination,
+                    bool replace, const GlobalOptions& options) {
   const std::string name = attachment->name();
   if (ErrorRef refused = CheckFileName(name, "attachment name")) return ReportFailure(refused);
   const fs::path target = destination / name;
@@ -625,6 +650,17 @@ int RetrieveThroughCache(SqliteObjectContext& context,
     fmt::print("finished\n");
   }
   return 0;
+}
+
+}  // namespace
+
+int RetrieveThroughCache(SqliteObjectContext& context,
+                         const std::shared_ptr<HXFileAttachment>& attachment,
+                         HXFileAttachmentSchemeHandler& handler, const fs::path& destination,
+                         bool replace, const GlobalOptions& options) {
+  const int status = RetrieveAndCopy(context, attachment, handler, destination, replace, options);
+  RemoveEmptyDecryptionFolder(handler, *attachment);
+  return status;
 }
 
 void AddTransferCommands(CLI::App& app, const GlobalOptions& options, int* exit_code) {
