@@ -19,7 +19,13 @@ for preset in $presets; do
   # Tests labelled "slow" (huge files, long runs) run once, in the default preset only.
   label_filter=()
   [ "$preset" = default ] || label_filter=(-LE slow)
-  ctest --preset "$preset" -j"$jobs" "${label_filter[@]}" | tee "build/$preset/ctest.out"
+  # Each preset's tests get a temporary folder of their own, removed afterwards, so that
+  # what the tests leave there (transfers they keep on purpose, killed processes' work
+  # files) does not pile up in the machine's. Never across a mount a test left behind.
+  test_tmp=$(mktemp -d)
+  TMPDIR="$test_tmp" ctest --preset "$preset" -j"$jobs" "${label_filter[@]}" |
+    tee "build/$preset/ctest.out"
+  rm -rf --one-file-system "$test_tmp" || echo "test.sh: could not remove $test_tmp"
   summary=$(grep -E 'tests passed, [0-9]+ tests failed out of' "build/$preset/ctest.out" | tail -n 1)
   failed=$(sed -E 's/.* ([0-9]+) tests failed out of ([0-9]+).*/\1/' <<<"$summary")
   all=$(sed -E 's/.* tests failed out of ([0-9]+).*/\1/' <<<"$summary")
