@@ -20,7 +20,6 @@ namespace vm {
 
 using archive_internal::DecodeLength;
 using archive_internal::ReadOnce;
-using archive_internal::ScopedFd;
 using archive_internal::ShortReadError;
 using archive_internal::WriteOnce;
 

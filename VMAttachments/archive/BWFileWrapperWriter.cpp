@@ -18,7 +18,6 @@ namespace vm {
 
 using archive_internal::EncodeLength;
 using archive_internal::FileTypeName;
-using archive_internal::ScopedFd;
 using archive_internal::WriteFully;
 using archive_internal::WriteOnce;
 

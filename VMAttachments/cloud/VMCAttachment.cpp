@@ -29,6 +29,7 @@
 #include "platform/Log.h"
 #include "platform/Operation.h"
 #include "platform/SafeNames.h"
+#include "platform/ScopedFd.h"
 
 namespace vm {
 
@@ -59,22 +60,6 @@ ErrorRef ProcessingError(std::string_view description, ErrorRef underlying = nul
   return Error::WithDescription(kVMFileAttachmentDomain, kProcessingErrorCode, description,
                                 std::move(underlying));
 }
-
-// Closes a descriptor when it goes out of scope.
-class ScopedFd {
- public:
-  explicit ScopedFd(int fd) : fd_(fd) {}
-  ~ScopedFd() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  ScopedFd(const ScopedFd&) = delete;
-  ScopedFd& operator=(const ScopedFd&) = delete;
-  int get() const { return fd_; }
-  bool valid() const { return fd_ >= 0; }
-
- private:
-  int fd_;
-};
 
 // One SHA-1 digest in progress.
 class Sha1 {

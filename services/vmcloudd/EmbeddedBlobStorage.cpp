@@ -9,6 +9,7 @@
 #include <charconv>
 #include <system_error>
 
+#include "platform/ScopedFd.h"
 #include "platform/UniqueID.h"
 #include "services/vmcloudd/HttpServer.h"
 #include "services/vmcloudd/ServiceError.h"
@@ -28,23 +29,6 @@ ErrorRef StorageError(std::string_view what, ErrorRef underlying) {
   return CloudServiceError(kVMCloudServiceStorageFailed, what, std::move(underlying));
 }
 
-// Closes a descriptor when it goes out of scope.
-class FileDescriptor {
- public:
-  explicit FileDescriptor(int fd = -1) : fd_(fd) {}
-  ~FileDescriptor() { reset(); }
-  FileDescriptor(const FileDescriptor&) = delete;
-  FileDescriptor& operator=(const FileDescriptor&) = delete;
-  int get() const { return fd_; }
-  void reset(int fd = -1) {
-    if (fd_ >= 0) ::close(fd_);
-    fd_ = fd;
-  }
-
- private:
-  int fd_;
-};
-
 bool WriteAll(int fd, const char* data, std::size_t size) {
   while (size > 0) {
     ssize_t written = ::write(fd, data, size);
@@ -62,7 +46,7 @@ bool WriteAll(int fd, const char* data, std::size_t size) {
 // two racing starts win; the loser reads the winner's key.
 std::optional<std::string> LoadOrCreateKey(const fs::path& file, ErrorRef* error) {
   for (int attempt = 0; attempt < 2; ++attempt) {
-    FileDescriptor fd(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
+    ScopedFd fd(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
     if (fd.get() >= 0) {
       std::string key(kSigningKeySize + 1, '\0');
       ssize_t got = ::read(fd.get(), key.data(), key.size());
@@ -85,7 +69,7 @@ std::optional<std::string> LoadOrCreateKey(const fs::path& file, ErrorRef* error
       Fail(error, StorageError("The system's random generator failed", nullptr));
       return std::nullopt;
     }
-    FileDescriptor out(::open(file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    ScopedFd out(::open(file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
     if (out.get() < 0) {
       if (errno == EEXIST) continue;
       Fail(error, PosixError(errno, file));
@@ -241,7 +225,7 @@ class EmbeddedBlobStorage::Impl::BlobUpload : public BodySink {
   std::string key_;
   std::uint64_t limit_;
   std::string temp_;
-  FileDescriptor fd_;
+  ScopedFd fd_;
   bool stored_ = false;
 };
 

@@ -22,6 +22,7 @@
 #include "platform/DispatchQueue.h"
 #include "platform/Progress.h"
 #include "platform/SafeNames.h"
+#include "platform/ScopedFd.h"
 #include "platform/UniqueID.h"
 #include "tools/vmattach/DirectWrite.h"
 #include "tools/vmattach/GrowingFileCopy.h"
@@ -169,21 +170,6 @@ void ReleaseCachedPages(const fs::path& root) {
   ForEachFile(root, [](int fd) { return ::posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED); });
 }
 
-// A file descriptor closed when it goes out of scope.
-class OwnedFd {
- public:
-  explicit OwnedFd(int fd) : fd_(fd) {}
-  ~OwnedFd() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  OwnedFd(const OwnedFd&) = delete;
-  OwnedFd& operator=(const OwnedFd&) = delete;
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
-
 // Copies the regular file `from` to the new file `to` (same mode) with its bytes going
 // straight to the disk, and flushes it. A copy that must be durable gains nothing from
 // the page cache: it would fill memory with pages that have to be written back and let
@@ -191,11 +177,11 @@ class OwnedFd {
 // made); otherwise the first error, leaving a partial `to` for the caller to remove.
 std::error_code CopyFileToDisk(const fs::path& from, const fs::path& to) {
   auto failure = [] { return std::error_code(errno, std::generic_category()); };
-  OwnedFd in(::open(from.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+  ScopedFd in(::open(from.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
   struct stat info {};
   if (in.get() < 0 || ::fstat(in.get(), &info) != 0) return failure();
-  OwnedFd out(::open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC | O_DIRECT,
-                     info.st_mode & 07777));
+  ScopedFd out(::open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC | O_DIRECT,
+                      info.st_mode & 07777));
   // The mode exactly, whatever the umask.
   if (out.get() < 0 || ::fchmod(out.get(), info.st_mode & 07777) != 0) return failure();
   DirectBuffer buffer = NewDirectBuffer();

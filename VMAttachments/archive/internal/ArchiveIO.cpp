@@ -10,18 +10,6 @@
 
 namespace vm::archive_internal {
 
-ScopedFd& ScopedFd::operator=(ScopedFd&& other) noexcept {
-  if (this != &other) {
-    if (fd_ >= 0) ::close(fd_);
-    fd_ = std::exchange(other.fd_, -1);
-  }
-  return *this;
-}
-
-ScopedFd::~ScopedFd() {
-  if (fd_ >= 0) ::close(fd_);
-}
-
 ErrorRef ShortReadError(int errno_value, const std::filesystem::path& context) {
   if (errno_value != 0) return PosixError(errno_value, context);
   Error::UserInfo info;

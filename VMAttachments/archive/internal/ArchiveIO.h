@@ -9,29 +9,12 @@
 #include <cstdint>
 #include <filesystem>
 #include <string_view>
-#include <utility>
 
 #include "platform/Error.h"
+#include "platform/ScopedFd.h"
 
 namespace vm::archive_internal {
 
-// Owns one open file descriptor and closes it when it goes away.
-class ScopedFd {
- public:
-  ScopedFd() = default;
-  explicit ScopedFd(int fd) : fd_(fd) {}
-  ScopedFd(ScopedFd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-  ScopedFd& operator=(ScopedFd&& other) noexcept;
-  ScopedFd(const ScopedFd&) = delete;
-  ScopedFd& operator=(const ScopedFd&) = delete;
-  ~ScopedFd();
-
-  int get() const { return fd_; }
-  bool valid() const { return fd_ >= 0; }
-
- private:
-  int fd_ = -1;
-};
 
 // One read(2) of exactly `size` bytes; anything less is a failure in NSPOSIXErrorDomain
 // with the errno the call left. errno is cleared first, so a read cut short by the end
