@@ -43,6 +43,7 @@
 #include <vector>
 
 #include "VMAttachments/archive/VMArchiver.h"
+#include "bench/support/PageReportingHold.h"
 
 namespace {
 
@@ -173,45 +174,6 @@ void Report(const char* what, const std::vector<Sample>& ours, const std::vector
       b.max_rss_kib / 1024.0);
 }
 
-// While alive, a virtual machine's free page reporting only hands blocks of the largest
-// order back to the host; restores the previous order on destruction. Does nothing where
-// the kernel has no such reporting. The order is also restored when the benchmark exits
-// early (a failed child ends it through std::exit). One at a time.
-class PageReportingHold {
- public:
-  PageReportingHold() {
-    if (FILE* file = std::fopen(kOrderPath, "r")) {
-      if (std::fscanf(file, "%d", &previous_) != 1) previous_ = -1;
-      std::fclose(file);
-    }
-    if (previous_ >= 0 && !Write(kHighestOrder)) previous_ = -1;
-    if (previous_ >= 0) std::atexit(Restore);
-  }
-  PageReportingHold(const PageReportingHold&) = delete;
-  PageReportingHold& operator=(const PageReportingHold&) = delete;
-  ~PageReportingHold() { Restore(); }
-
-  static bool active() { return previous_ >= 0; }
-
- private:
-  static constexpr char kOrderPath[] = "/sys/module/page_reporting/parameters/page_reporting_order";
-  static constexpr int kHighestOrder = 10;  // the kernel clamps to its largest order
-
-  static bool Write(int order) {
-    FILE* file = std::fopen(kOrderPath, "w");
-    if (file == nullptr) return false;
-    bool ok = std::fprintf(file, "%d\n", order) > 0;
-    return std::fclose(file) == 0 && ok;
-  }
-
-  static void Restore() {
-    if (previous_ >= 0) Write(previous_);
-    previous_ = -1;
-  }
-
-  static inline int previous_ = -1;
-};
-
 // A new journaled ext4 file system in an image file, attached to a loop device with direct
 // I/O (so its blocks are not cached twice) and mounted at `mount_point`; unmounted,
 // detached and deleted again on destruction. Inode tables and journal are initialised up
@@ -297,9 +259,9 @@ int main(int argc, char** argv) {
   }
   fs::path work = pattern;
   std::unique_ptr<FreshFileSystem> file_system;
-  std::unique_ptr<PageReportingHold> page_reporting;
+  std::unique_ptr<vm::bench::PageReportingHold> page_reporting;
   if (isolate) {
-    page_reporting = std::make_unique<PageReportingHold>();
+    page_reporting = std::make_unique<vm::bench::PageReportingHold>();
     // Room for the tree, two archives and one round's two extracted trees, twice over.
     const std::uint64_t estimate = (static_cast<std::uint64_t>(small_files) * 16 * 1024 +
                                     static_cast<std::uint64_t>(large_files) * (6u << 20)) *
