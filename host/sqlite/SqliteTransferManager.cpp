@@ -320,11 +320,18 @@ void SqliteTransferManager::removeTransferForAttachmentIdentifier(
     } else if (transfer->operationType() == kTransferOperationDownload &&
                IsStrictlyInside(folder, downloadFolder())) {
       // The encrypted bytes of a download are worth nothing once it is saved (or given up),
-      // and can be as large as the attachment. Only the one file goes, then its own folder
-      // if that is empty; the folders other downloads share stay.
+      // and can be as large as the attachment. Only the one file goes, then its own folders
+      // while they are empty (the record's cache path below the download folder): the
+      // folders directly in the download folder are shared by other downloads, so that
+      // removing one could pull it from under a download being prepared, and they stay.
       if (IsPrivateFolderChain(downloadFolder(), folder)) {
         std::filesystem::remove(transfer->attachmentPath(), ignored);
-        std::filesystem::remove(folder, ignored);
+        const std::filesystem::path downloads = downloadFolder().lexically_normal();
+        for (std::filesystem::path empty = folder;
+             IsStrictlyInside(empty, downloads) && empty.parent_path() != downloads &&
+             ::rmdir(empty.c_str()) == 0;
+             empty = empty.parent_path()) {
+        }
       }
     }
   }

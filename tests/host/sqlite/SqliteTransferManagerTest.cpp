@@ -173,16 +173,19 @@ TEST(SqliteTransferManagerTest, ADownloadsFileGoesWithItsTransferButNothingElse)
   setenv("TMPDIR", (dir / "tmp").c_str(), 1);
   auto context = Open(dir / "data");
   const std::filesystem::path downloads = SqliteTransferManager::downloadFolder();
-  std::filesystem::create_directories(downloads / "ab" / "own");
-  std::filesystem::permissions(downloads, std::filesystem::perms::owner_all);
-  std::filesystem::permissions(downloads / "ab", std::filesystem::perms::owner_all);
-  std::filesystem::permissions(downloads / "ab" / "own", std::filesystem::perms::owner_all);
-  testing::WriteFile(downloads / "ab" / "own" / "vmattachmentdownload", "ciphertext");
+  // As the cloud scheme lays them out: <cache path (bucket/record)>/<UUID>/<file>.
+  const std::filesystem::path own = downloads / "ab" / "ab12-own" / "own";
+  std::filesystem::create_directories(own);
+  std::filesystem::create_directories(downloads / "ab" / "ab34-other");
+  for (const auto& folder : {downloads, downloads / "ab", own.parent_path(), own}) {
+    std::filesystem::permissions(folder, std::filesystem::perms::owner_all);
+  }
+  testing::WriteFile(own / "vmattachmentdownload", "ciphertext");
   testing::WriteFile(dir / "outside" / "vmattachmentdownload", "user's");
   // A link inside the download folder must not lead the removal to the user's file.
   std::filesystem::create_directory_symlink(dir / "outside", downloads / "ab" / "linked");
   const std::pair<std::string, std::filesystem::path> rows[] = {
-      {"own", downloads / "ab" / "own" / "vmattachmentdownload"},
+      {"own", own / "vmattachmentdownload"},
       {"linked", downloads / "ab" / "linked" / "vmattachmentdownload"},
       {"elsewhere", dir / "outside" / "vmattachmentdownload"},
   };
@@ -191,7 +194,9 @@ TEST(SqliteTransferManagerTest, ADownloadsFileGoesWithItsTransferButNothingElse)
     ASSERT_TRUE(Register(*context, attachment, path.string(), false, kTransferOperationDownload));
     context->attachmentTransferManager()->removeTransferForAttachmentIdentifier(id);
   }
-  EXPECT_FALSE(std::filesystem::exists(downloads / "ab" / "own")) << "file and folder are gone";
+  EXPECT_FALSE(std::filesystem::exists(own.parent_path())) << "file and its folders are gone";
+  EXPECT_TRUE(std::filesystem::is_directory(downloads / "ab" / "ab34-other"))
+      << "another download's folder stays";
   EXPECT_TRUE(std::filesystem::is_directory(downloads / "ab")) << "shared folders stay";
   EXPECT_EQ(testing::ReadFile(dir / "outside" / "vmattachmentdownload"), "user's");
   if (saved_tmpdir) {
