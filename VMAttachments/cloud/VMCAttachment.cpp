@@ -367,9 +367,9 @@ bool VMCAttachment::processAttachment(const std::shared_ptr<HXFileAttachment>& a
   auto open_source = [&source_url](int access) {
     return ::open(source_url.c_str(), access | O_CLOEXEC);
   };
-  int source_fd = source_use == SourceUse::kReleaseBehind ? open_source(O_RDWR) : -1;
-  bool release_behind = source_fd >= 0;
-  ScopedFd source(release_behind ? source_fd : open_source(O_RDONLY));
+  ScopedFd source(source_use == SourceUse::kReleaseBehind ? open_source(O_RDWR) : -1);
+  bool release_behind = source.valid();
+  if (!release_behind) source.reset(open_source(O_RDONLY));
   if (!source.valid()) {
     ErrorRef cause = PosixError(errno, source_url);
     return Fail(error,

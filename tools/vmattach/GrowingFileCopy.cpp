@@ -26,33 +26,32 @@ GrowingFileCopy::GrowingFileCopy(std::filesystem::path source, std::filesystem::
       thread_([this] { follow(); }) {}
 
 GrowingFileCopy::~GrowingFileCopy() {
-  if (thread_.joinable() || in_ >= 0 || out_ >= 0) abandon();
+  if (thread_.joinable() || in_.valid() || out_.valid()) abandon();
 }
 
 void GrowingFileCopy::follow() {
-  while (in_ < 0) {
+  while (!in_.valid()) {
     if (stop_) return;
     // Read before trying: a file that is not there once the writer is done never comes.
     const bool writer_done = writer_done_;
-    int fd = ::open(source_.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-    if (fd >= 0) {
+    ScopedFd fd(::open(source_.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (fd.valid()) {
       struct stat info {};
-      if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode) || info.st_uid != ::geteuid()) {
-        ::close(fd);
+      if (::fstat(fd.get(), &info) != 0 || !S_ISREG(info.st_mode) || info.st_uid != ::geteuid()) {
         broken_ = true;
         return;
       }
-      in_ = fd;
+      in_ = std::move(fd);
       break;
     }
     if (writer_done) return;
     std::this_thread::sleep_for(kWaitingPause);
   }
   constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
-  out_ = ::open(destination_.c_str(), kFlags | O_DIRECT, 0600);
+  out_.reset(::open(destination_.c_str(), kFlags | O_DIRECT, 0600));
   // A file system without direct writes gets ordinary ones.
-  if (out_ < 0 && errno == EINVAL) out_ = ::open(destination_.c_str(), kFlags, 0600);
-  if (out_ < 0) {
+  if (!out_.valid() && errno == EINVAL) out_.reset(::open(destination_.c_str(), kFlags, 0600));
+  if (!out_.valid()) {
     broken_ = true;
     return;
   }
@@ -80,7 +79,7 @@ void GrowingFileCopy::follow() {
 
 bool GrowingFileCopy::copyAvailable(std::uint8_t* buffer, bool to_end) {
   struct stat info {};
-  if (::fstat(in_, &info) != 0 || info.st_size < copied_) return false;
+  if (::fstat(in_.get(), &info) != 0 || info.st_size < copied_) return false;
   for (;;) {
     const off_t left = info.st_size - copied_;
     if (left == 0 || (!to_end && left < static_cast<off_t>(kDirectChunk))) return true;
@@ -88,12 +87,12 @@ bool GrowingFileCopy::copyAvailable(std::uint8_t* buffer, bool to_end) {
         left < static_cast<off_t>(kDirectChunk) ? static_cast<std::size_t>(left) : kDirectChunk;
     std::size_t filled = 0;
     while (filled < want) {
-      const ssize_t got = ::pread(in_, buffer + filled, want - filled, copied_ + filled);
+      const ssize_t got = ::pread(in_.get(), buffer + filled, want - filled, copied_ + filled);
       if (got < 0 && errno == EINTR) continue;
       if (got <= 0) return false;  // an error, or shorter than it just was
       filled += static_cast<std::size_t>(got);
     }
-    if (!WriteDirect(out_, buffer, filled)) return false;
+    if (!WriteDirect(out_.get(), buffer, filled)) return false;
     copied_ += static_cast<off_t>(filled);
   }
 }
@@ -103,30 +102,30 @@ bool GrowingFileCopy::finish(const std::filesystem::path& final_path) {
   if (thread_.joinable()) thread_.join();
   struct stat followed {};
   struct stat landed {};
-  bool whole = ended_ && !broken_ && ::fstat(in_, &followed) == 0 &&
+  bool whole = ended_ && !broken_ && ::fstat(in_.get(), &followed) == 0 &&
                ::lstat(final_path.c_str(), &landed) == 0 && S_ISREG(landed.st_mode) &&
                landed.st_dev == followed.st_dev && landed.st_ino == followed.st_ino &&
-               landed.st_size == copied_ && ::fchmod(out_, landed.st_mode & 07777) == 0 &&
-               ::fdatasync(out_) == 0;
+               landed.st_size == copied_ && ::fchmod(out_.get(), landed.st_mode & 07777) == 0 &&
+               ::fdatasync(out_.get()) == 0;
   if (whole) {
     // A failed close may have lost written bytes.
-    whole = ::close(std::exchange(out_, -1)) == 0;
+    whole = ::close(out_.release()) == 0;
     if (!whole) ::unlink(destination_.c_str());
   }
   if (!whole) {
     abandon();
     return false;
   }
-  ::close(std::exchange(in_, -1));
+  in_.reset();
   return true;
 }
 
 void GrowingFileCopy::abandon() {
   stop_ = true;
   if (thread_.joinable()) thread_.join();
-  if (in_ >= 0) ::close(std::exchange(in_, -1));
-  if (out_ >= 0) {
-    ::close(std::exchange(out_, -1));
+  in_.reset();
+  if (out_.valid()) {
+    out_.reset();
     ::unlink(destination_.c_str());
   }
 }

@@ -8,6 +8,8 @@
 #include <filesystem>
 #include <thread>
 
+#include "platform/ScopedFd.h"
+
 namespace vm::vmattach {
 
 // Copies a file while another party is still writing it, so that the copy is done soon
@@ -54,8 +56,8 @@ class GrowingFileCopy {
   // Set by finish() before it joins the thread: copy to the end, then leave.
   std::atomic<bool> writer_done_{false};
   // Written by the thread only, read after it is joined.
-  int in_ = -1;
-  int out_ = -1;  // >= 0 once this object created `destination`
+  ScopedFd in_;
+  ScopedFd out_;  // valid once this object created `destination`
   off_t copied_ = 0;
   bool broken_ = false;
   bool ended_ = false;
