@@ -6,9 +6,11 @@
 // rclone process behind a mount.
 
 #include <arpa/inet.h>
+#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -183,6 +185,18 @@ class VmattachRunner {
 inline std::string Trimmed(std::string text) {
   while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) text.pop_back();
   return text;
+}
+
+// Whether a file on a share kept its source's modification date as far as the share can
+// carry one: rclone's mounts keep whole seconds and may round either way, so the stored
+// second may differ from the source's by one.
+inline ::testing::AssertionResult KeptModificationSecond(const struct stat& stored,
+                                                         const struct stat& source) {
+  long long drift = static_cast<long long>(stored.st_mtim.tv_sec) - source.st_mtim.tv_sec;
+  if (drift >= -1 && drift <= 1) return ::testing::AssertionSuccess();
+  return ::testing::AssertionFailure()
+         << "stored modification second " << stored.st_mtim.tv_sec << " is " << drift
+         << " s from the source's " << source.st_mtim.tv_sec;
 }
 
 }  // namespace vm::testing
