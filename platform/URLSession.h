@@ -1,167 +1,23 @@
 #ifndef VM_PLATFORM_URLSESSION_H_
 #define VM_PLATFORM_URLSESSION_H_
 
-#include <atomic>
 #include <cstdint>
 #include <filesystem>
-#include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
-#include <string_view>
-#include <utility>
 #include <vector>
 
 #include "platform/DispatchQueue.h"
 #include "platform/Error.h"
 #include "platform/URL.h"
+#include "platform/URLRequest.h"
+#include "platform/URLResponse.h"
+#include "platform/URLSessionTask.h"
 
 namespace vm {
 
-// Header fields in the order they were added. Names compare without regard to case.
-using HTTPHeaderFields = std::vector<std::pair<std::string, std::string>>;
-
-// What to send: URL, method, header fields, body, cache policy and timeout.
-// A value type; not synchronised (copy it to hand it to another thread).
-class URLRequest {
- public:
-  // The protocol's own caching rules: the default policy, and the only one there is (no
-  // cache is kept; the value is carried for whoever reads the request).
-  static constexpr int kUseProtocolCachePolicy = 0;
-
-  explicit URLRequest(URL url, int cachePolicy = kUseProtocolCachePolicy,
-                      double timeoutInterval = 60.0);
-
-  const URL& url() const { return url_; }
-  const std::string& httpMethod() const { return method_; }
-  void setHTTPMethod(std::string method) { method_ = std::move(method); }
-  const std::optional<std::vector<std::uint8_t>>& httpBody() const { return body_; }
-  void setHTTPBody(std::optional<std::vector<std::uint8_t>> body) { body_ = std::move(body); }
-  int cachePolicy() const { return cache_policy_; }
-  // The longest time the transfer may stay idle (connecting, or no byte moving), in seconds.
-  double timeoutInterval() const { return timeout_; }
-  void setTimeoutInterval(double seconds) { timeout_ = seconds; }
-
-  // The most bytes of answer body the task accepts; a longer answer fails the task with
-  // kURLErrorDataLengthExceedsMaximum instead of growing memory or a file. Unset: no limit.
-  std::optional<std::uint64_t> maximumResponseLength() const { return maximum_response_; }
-  void setMaximumResponseLength(std::optional<std::uint64_t> bytes) { maximum_response_ = bytes; }
-
-  const HTTPHeaderFields& allHTTPHeaderFields() const { return headers_; }
-  std::optional<std::string> valueForHTTPHeaderField(std::string_view field) const;
-  // Adds `value` to `field`; a field that already has a value gets ", value" appended.
-  void addValue(std::string_view value, std::string_view field);
-  // Replaces the value of `field`.
-  void setValue(std::string_view value, std::string_view field);
-
- private:
-  URL url_;
-  std::string method_ = "GET";
-  std::optional<std::vector<std::uint8_t>> body_;
-  int cache_policy_;
-  double timeout_;
-  std::optional<std::uint64_t> maximum_response_;
-  HTTPHeaderFields headers_;
-};
-
-// The answer's metadata. Immutable once made, so safe to share between threads.
-class URLResponse {
- public:
-  explicit URLResponse(URL url, std::int64_t expectedContentLength = -1);
-  virtual ~URLResponse() = default;
-
-  const URL& url() const { return url_; }
-  // -1 when unknown.
-  std::int64_t expectedContentLength() const { return expected_length_; }
-  virtual std::string description() const;
-
- private:
-  URL url_;
-  std::int64_t expected_length_;
-};
-
-class HTTPURLResponse : public URLResponse {
- public:
-  HTTPURLResponse(URL url, int statusCode, HTTPHeaderFields headerFields,
-                  std::int64_t expectedContentLength = -1);
-
-  int statusCode() const { return status_; }
-  const HTTPHeaderFields& allHeaderFields() const { return headers_; }
-  std::optional<std::string> valueForHTTPHeaderField(std::string_view field) const;
-  std::string description() const override;
-
- private:
-  int status_;
-  HTTPHeaderFields headers_;
-};
-
 class URLSession;
-class URLSessionDelegate;
-
-// One transfer of a session. Made suspended by the session's task factories; resume()
-// starts it. Thread-safe: every method may be called from any thread.
-class URLSessionTask : public std::enable_shared_from_this<URLSessionTask> {
- public:
-  enum class Kind { kData, kUpload, kDownload };
-  enum class State { kRunning, kSuspended, kCanceling, kCompleted };
-  using Completion =
-      std::function<void(std::optional<std::vector<std::uint8_t>> data,
-                         std::shared_ptr<const URLResponse> response, ErrorRef error)>;
-
-  ~URLSessionTask();
-
-  std::uint64_t taskIdentifier() const { return identifier_; }
-  Kind kind() const { return kind_; }
-  const URLRequest& originalRequest() const { return request_; }
-  State state() const { return state_.load(); }
-  // Set once the task completed (null before, and when no answer came).
-  std::shared_ptr<const URLResponse> response() const;
-  // Set once the task completed with a failure.
-  ErrorRef error() const;
-  std::int64_t countOfBytesSent() const { return sent_.load(); }
-  std::int64_t countOfBytesExpectedToSend() const { return expected_send_.load(); }
-  std::int64_t countOfBytesReceived() const { return received_.load(); }
-
-  // Starts a suspended task; does nothing otherwise. The session and, while the task
-  // runs, the session's delegate are kept alive by the task.
-  void resume();
-  // Stops the task: it completes with NSURLErrorDomain -999 "cancelled". Does nothing once
-  // the task has completed.
-  void cancel();
-
- private:
-  friend class URLSession;
-  struct Transfer;  // the I/O thread's state while the transfer runs
-
-  URLSessionTask(std::shared_ptr<URLSession> session, Kind kind, URLRequest request,
-                 std::filesystem::path file, Completion completion);
-
-  const std::uint64_t identifier_;
-  const Kind kind_;
-  const URLRequest request_;
-  const std::filesystem::path file_;  // upload tasks: the file to send
-  const std::shared_ptr<URLSession> session_;
-  Completion completion_;  // touched on the resuming thread, then on the delegate queue
-  // Held from resume() until the completion was delivered (delegate queue).
-  std::shared_ptr<URLSessionDelegate> delegate_;
-
-  std::atomic<State> state_{State::kSuspended};
-  std::atomic<std::int64_t> sent_{0};
-  std::atomic<std::int64_t> expected_send_{0};
-  std::atomic<std::int64_t> received_{0};
-  std::atomic<std::int64_t> expected_receive_{-1};
-  // Progress reports are coalesced: at most one is queued at a time, and it reads the
-  // latest counts when it runs.
-  std::atomic<bool> progress_queued_{false};
-  std::int64_t reported_sent_ = 0;      // delegate queue only
-  std::int64_t reported_received_ = 0;  // delegate queue only
-
-  mutable std::mutex mu_;
-  std::shared_ptr<const URLResponse> response_;
-  ErrorRef error_;
-  std::unique_ptr<Transfer> transfer_;  // I/O thread only
-};
 
 // The receiver of a session's task events. Every method is called on the session's
 // delegate queue, one at a time and in order for a task: progress, then (download tasks)
