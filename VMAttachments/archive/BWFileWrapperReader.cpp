@@ -178,6 +178,7 @@ struct BWFileWrapperReader::Info {
   nlohmann::json json;
   std::optional<std::string> path;
   std::string type;
+  std::optional<std::int64_t> permission;
 };
 
 BWFileWrapperReader::BWFileWrapperReader(int fd, std::filesystem::path archive)
@@ -245,31 +246,32 @@ BWFileWrapperReader::Next BWFileWrapperReader::readInfo(Info* info, ErrorRef* er
   position_ += got;
   if (!ok) return Next::kFailed;
 
+  // Any of the JSON library's failures (a malformed block, a number no double can hold,
+  // a value of an unexpected kind) is this entry's info being unusable, never more.
   try {
-    info->json = nlohmann::json::parse(info->raw);
-  } catch (const nlohmann::json::parse_error& e) {
+    return interpretInfo(info, error) ? Next::kEntry : Next::kFailed;
+  } catch (const nlohmann::json::exception& e) {
     Fail(error, JSONReadError(e.what()));
     return Next::kFailed;
   }
-  if (!info->json.is_object()) {
-    Fail(error, JSONReadError("not a JSON object"));
-    return Next::kFailed;
-  }
+}
+
+bool BWFileWrapperReader::interpretInfo(Info* info, ErrorRef* error) {
+  info->json = nlohmann::json::parse(info->raw);
+  if (!info->json.is_object()) return Fail(error, JSONReadError("not a JSON object"));
   if (auto it = info->json.find(kBWFileWrapperPathKey); it != info->json.end()) {
-    if (!it->is_string()) {
-      Fail(error, JSONReadError("\"path\" is not a string"));
-      return Next::kFailed;
-    }
+    if (!it->is_string()) return Fail(error, JSONReadError("\"path\" is not a string"));
     info->path = it->get<std::string>();
   }
   if (auto it = info->json.find(kBWFileWrapperTypeKey); it != info->json.end()) {
-    if (!it->is_string()) {
-      Fail(error, JSONReadError("\"type\" is not a string"));
-      return Next::kFailed;
-    }
+    if (!it->is_string()) return Fail(error, JSONReadError("\"type\" is not a string"));
     info->type = it->get<std::string>();
   }
-  return Next::kEntry;
+  if (auto it = info->json.find(kBWFileWrapperPermissionKey);
+      it != info->json.end() && it->is_number_integer()) {
+    info->permission = it->get<std::int64_t>();
+  }
+  return true;
 }
 
 bool BWFileWrapperReader::readDataLength(std::uint64_t* length, ErrorRef* error) {
@@ -401,10 +403,7 @@ bool BWFileWrapperReader::enumerateEntries(const std::function<void(const Entry&
         break;
     }
     Entry entry;
-    if (auto it = info.json.find(kBWFileWrapperPermissionKey);
-        it != info.json.end() && it->is_number_integer()) {
-      entry.permission = it->get<std::int64_t>();
-    }
+    entry.permission = info.permission;
     if (info.type == NSFileTypeRegular) {
       std::uint64_t length = 0;
       if (!readDataLength(&length, error) || !skipData(length, error)) return false;

@@ -56,7 +56,8 @@ class BWFileWrapperReader {
   // Failures (error written only when `error` is not null):
   //  - a read cut short or any I/O failure: NSPOSIXErrorDomain, errno (0 for a plain end
   //    of file, including a length that claims more than the archive still holds);
-  //  - an info block that is not a JSON object with string "path"/"type":
+  //  - an info block that is not a JSON object with string "path"/"type", or that the
+  //    JSON library refuses in any way (a number no double holds, say):
   //    NSCocoaErrorDomain, kBWFileWrapperJSONReadError;
   //  - a "path" that is absolute, climbs out of `destination`, or passes through a
   //    symbolic link already in `destination` (which could lead anywhere):
@@ -80,6 +81,9 @@ class BWFileWrapperReader {
 
   BWFileWrapperReader(int fd, std::filesystem::path archive);
   Next readInfo(Info* info, ErrorRef* error);
+  // Parses `info->raw` and takes its "path", "type" and "permission". Throws the JSON
+  // library's exceptions; readInfo() turns them into the format's error.
+  static bool interpretInfo(Info* info, ErrorRef* error);
   bool readDataLength(std::uint64_t* length, ErrorRef* error);
   // Reads `length` bytes in 8192-byte chunks and writes each to `out`, which is named
   // `target` in errors; with a null `target` the bytes are only read.

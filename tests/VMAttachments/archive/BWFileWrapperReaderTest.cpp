@@ -48,6 +48,8 @@ Outcome Unpack(const TempDir& temp, const std::string& bytes, const fs::path& de
   return outcome;
 }
 
+std::vector<std::string> List(const std::string& url, bool* ok);
+
 mode_t DefaultFileMode() {
   mode_t mask = ::umask(0);
   ::umask(mask);
@@ -167,6 +169,39 @@ TEST(BWFileWrapperReaderTest, FailuresReportTheirDomainAndCode) {
     ASSERT_NE(outcome.error, sentinel);
     EXPECT_EQ(outcome.error->domain(), *c.domain);
     EXPECT_EQ(outcome.error->code(), c.code);
+  }
+}
+
+// Whatever the JSON library refuses in an info block (numbers out of a double's range,
+// values of the wrong kind, text that is not UTF-8) fails unpacking and listing with the
+// format's error, after the entries before it.
+TEST(BWFileWrapperReaderTest, EveryJSONProblemIsTheFormatsError) {
+  const std::string infos[] = {
+      R"({"n":1e999})",
+      R"({"path":"f","type":"NSFileTypeRegular","permission":-1e999})",
+      R"({"path":"f","type":"NSFileTypeRegular","permission":1e400,"x":[1e999]})",
+      R"({"path":["f"],"type":"NSFileTypeRegular"})",
+      R"({"path":"f","type":{"kind":1}})",
+      R"({"path":null,"type":"NSFileTypeRegular"})",
+      "{\"path\":\"\xff\xfe\",\"type\":\"NSFileTypeRegular\"}",
+      "\"1e999\"",
+      "1e999",
+  };
+  for (const std::string& info : infos) {
+    SCOPED_TRACE(info);
+    const std::string bytes =
+        ArchiveBytes().magic().info(Info("before", kDirectory)).info(info).data("x").bytes();
+    TempDir temp;
+    Outcome outcome = Unpack(temp, bytes, temp / "dest", nullptr);
+    EXPECT_EQ(outcome.result, 0);
+    ASSERT_TRUE(outcome.error);
+    EXPECT_EQ(outcome.error->domain(), NSCocoaErrorDomain);
+    EXPECT_EQ(outcome.error->code(), kBWFileWrapperJSONReadError);
+    EXPECT_TRUE(fs::is_directory(temp / "dest" / "before"));
+
+    bool ok = true;
+    EXPECT_EQ(List(temp / "archive", &ok).size(), 1u);
+    EXPECT_FALSE(ok);
   }
 }
 
