@@ -10,6 +10,7 @@
 
 #include "platform/DispatchQueue.h"
 #include "platform/Error.h"
+#include "platform/ScopedFd.h"
 #include "platform/URL.h"
 #include "platform/URLRequest.h"
 #include "platform/URLResponse.h"
@@ -40,6 +41,10 @@ class URLSessionDelegate {
   virtual void didCompleteWithError(URLSession& session, URLSessionTask& task,
                                     const ErrorRef& error);
 };
+
+// Download tasks write into hidden files named with this prefix, each carrying the task's
+// OwnerLock while it exists; a process that reclaims work files looks for them by it.
+inline constexpr char kURLSessionDownloadPrefix[] = ".vm-download-";
 
 struct URLSessionConfiguration {
   // Cookies, caches and credentials are never kept by any session, so the two are the same.
@@ -101,6 +106,8 @@ class URLSession : public std::enable_shared_from_this<URLSession> {
     std::optional<std::vector<std::uint8_t>> data;
     std::optional<std::filesystem::path> location;  // download tasks: the temporary file
     ErrorRef error;
+    // Holds the temporary file's OwnerLock until the delegate has moved it away.
+    std::shared_ptr<const ScopedFd> location_lock;
   };
 
  protected:

@@ -48,10 +48,10 @@ void URLSessionTask::cancel() {
   }
   if (state == State::kSuspended) {
     delegate_ = session_->delegate_.lock();
-    session_->complete(
-        shared_from_this(),
-        URLSession::Outcome{nullptr, std::nullopt, std::nullopt,
-                            url_internal::CancelledError(request_.url().absoluteString())});
+    session_->complete(shared_from_this(),
+                       URLSession::Outcome{
+                           nullptr, std::nullopt, std::nullopt,
+                           url_internal::CancelledError(request_.url().absoluteString()), nullptr});
   } else if (state == State::kRunning) {
     session_->cancelTask(shared_from_this());
   }

@@ -28,6 +28,7 @@
 #include "host/VMAttachmentTransferManager.h"
 #include "platform/Log.h"
 #include "platform/Operation.h"
+#include "platform/OwnerLock.h"
 #include "platform/SafeNames.h"
 #include "platform/ScopedFd.h"
 
@@ -510,7 +511,10 @@ bool VMCAttachment::saveDownloadedAttachment(const std::shared_ptr<HXFileAttachm
   std::error_code ignored;
   const fs::path work_folder = fs::temp_directory_path(ignored) / uuid;
   std::error_code create_error;
-  fs::create_directories(work_folder, create_error);
+  // Held while the decryption runs, so that no host reclaims the folder as abandoned, and
+  // two saves of one attachment take turns at its work file.
+  OwnerLock work_lock = OwnerLock::HoldFolder(work_folder, nullptr);
+  if (!work_lock.held()) create_error = std::make_error_code(std::errc::permission_denied);
   // The temporary folder may be shared with other users: a work folder that is not a
   // directory of our own (a file, a link, someone else's folder) is never written into.
   // Such a folder, like one that cannot be made, fails the save as a failed decryption.

@@ -40,6 +40,7 @@
 #include "platform/DispatchQueue.h"
 #include "platform/Log.h"
 #include "platform/Operation.h"
+#include "platform/OwnerLock.h"
 #include "platform/SafeNames.h"
 #include "platform/UniqueID.h"
 
@@ -138,11 +139,19 @@ bool VMCAttachment::storeFile(const fs::path& file, const std::string& /*at_path
   const fs::path below = fs::path(database) / uuid;
   const fs::path work_folder = temporary / below;
 
+  // Held while this call writes there, so that no host reclaims the folder as abandoned.
+  OwnerLock work_lock;
+  auto prepare_work_folder = [&] {
+    if (folder_error || !MakePrivateFolders(temporary, below, &folder_error)) return false;
+    if (!work_lock.held()) work_lock = OwnerLock::HoldFolder(work_folder, &folder_error);
+    return work_lock.held();
+  };
+
   std::int64_t storage_type = kStorageTypePlainFile;
   fs::path source = file;
   if (bwIsBundleAtURL(file)) {
     storage_type = kStorageTypeArchive;
-    if (folder_error || !MakePrivateFolders(temporary, below, &folder_error)) {
+    if (!prepare_work_folder()) {
       return fail("Error trying to create temporary directory to archive path", folder_error);
     }
     source = work_folder / uuid;
@@ -153,7 +162,7 @@ bool VMCAttachment::storeFile(const fs::path& file, const std::string& /*at_path
       return fail("Could not compress directory/bundle for storing attachment", nullptr);
     }
   }
-  if (folder_error || !MakePrivateFolders(temporary, below, &folder_error)) {
+  if (!prepare_work_folder()) {
     return fail("Error trying to create temporary directory to process file", folder_error);
   }
   const fs::path crypt = work_folder / kCryptFileName;

@@ -11,6 +11,7 @@
 #include <system_error>
 #include <utility>
 
+#include "platform/OwnerLock.h"
 #include "platform/internal/URLSessionErrors.h"
 
 namespace vm {
@@ -295,8 +296,15 @@ ErrorRef URLSession::Core::configure(URLSessionTask& task,
         folders.push_back(std::filesystem::temp_directory_path(ignored));
         int saved_errno = ENOENT;
         for (const auto& folder : folders) {
-          std::string pattern = (folder / ".vm-download-XXXXXX").string();
+          std::string pattern =
+              (folder / (std::string(kURLSessionDownloadPrefix) + "XXXXXX")).string();
           int fd = ::mkostemp(pattern.data(), O_CLOEXEC);
+          // Owned from the start, so that no other process takes it for abandoned.
+          if (fd >= 0 && !LockAsOwner(fd, pattern)) {
+            ::close(fd);
+            fd = -1;
+            errno = EAGAIN;
+          }
           if (fd >= 0) {
             transfer.fd = fd;
             transfer.temporary = pattern;
@@ -332,13 +340,14 @@ void URLSession::Core::begin(const std::shared_ptr<URLSessionTask>& task) {
   std::string url = task->request_.url().absoluteString();
   // A cancel() that raced with resume() may have arrived before this command.
   if (task->state_.load() == URLSessionTask::State::kCanceling) {
-    session.complete(task, Outcome{nullptr, std::nullopt, std::nullopt, CancelledError(url)});
+    session.complete(task,
+                     Outcome{nullptr, std::nullopt, std::nullopt, CancelledError(url), nullptr});
     return;
   }
   task->transfer_ = std::make_unique<URLSessionTask::Transfer>();
   if (ErrorRef error = configure(*task, session.configuration_)) {
     task->transfer_.reset();
-    session.complete(task, Outcome{nullptr, std::nullopt, std::nullopt, std::move(error)});
+    session.complete(task, Outcome{nullptr, std::nullopt, std::nullopt, std::move(error), nullptr});
     return;
   }
   CURL* easy = task->transfer_->easy;
@@ -352,8 +361,9 @@ void URLSession::Core::cancel(const std::shared_ptr<URLSessionTask>& task) {
   if (running.erase(easy) == 0) return;
   curl_multi_remove_handle(multi, easy);
   task->transfer_.reset();
-  task->session_->complete(task, Outcome{nullptr, std::nullopt, std::nullopt,
-                                         CancelledError(task->request_.url().absoluteString())});
+  task->session_->complete(task,
+                           Outcome{nullptr, std::nullopt, std::nullopt,
+                                   CancelledError(task->request_.url().absoluteString()), nullptr});
 }
 
 void URLSession::Core::finish(CURL* easy, CURLcode result) {
@@ -385,7 +395,7 @@ void URLSession::Core::finish(CURL* easy, CURLcode result) {
   }
   if (result == CURLE_OK) {
     if (task->kind_ == URLSessionTask::Kind::kDownload) {
-      ::close(transfer.fd);
+      outcome.location_lock = std::make_shared<const ScopedFd>(transfer.fd);
       transfer.fd = -1;
       outcome.location = std::move(transfer.temporary);
       transfer.temporary.clear();

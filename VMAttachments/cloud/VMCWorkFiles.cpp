@@ -1,0 +1,79 @@
+#include "VMAttachments/cloud/VMCWorkFiles.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "platform/OwnerLock.h"
+#include "platform/SafeNames.h"
+#include "platform/URLSession.h"
+#include "platform/UniqueID.h"
+
+namespace vm {
+namespace {
+
+namespace fs = std::filesystem;
+
+// Where the scheme's downloads arrive, below the temporary folder (as in the scheme).
+constexpr char kDownloadFolderName[] = "HXAttachmentCache";
+constexpr char kCryptFileName[] = "crypt";
+// Download folders are <first two letters>/<UUID>/ or a share folder's path below it.
+constexpr int kDownloadFolderDepth = 6;
+
+// Whether `path` is a folder (not a link) of this user's.
+bool IsOwnFolder(const fs::path& path) {
+  struct stat info {};
+  return ::lstat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode) && info.st_uid == ::geteuid();
+}
+
+// Whether the folder holds nothing but, at most, the work file a decryption leaves.
+bool HoldsOnlyDecryptionWork(const fs::path& folder) {
+  std::error_code ec;
+  for (const fs::directory_entry& entry : fs::directory_iterator(folder, ec)) {
+    if (entry.path().filename() != kCryptFileName) return false;
+  }
+  return !ec;
+}
+
+void ReclaimPartialDownloads(const fs::path& folder, int depth) {
+  std::error_code ec;
+  for (const fs::directory_entry& entry : fs::directory_iterator(folder, ec)) {
+    const std::string name = entry.path().filename().string();
+    if (name.starts_with(kURLSessionDownloadPrefix)) {
+      RemoveIfAbandoned(entry.path());
+    } else if (depth > 0 && IsOwnFolder(entry.path())) {
+      ReclaimPartialDownloads(entry.path(), depth - 1);
+    }
+  }
+}
+
+}  // namespace
+
+void ReclaimAbandonedWorkFiles(const std::string& database_uuid) {
+  std::error_code ec;
+  const fs::path temporary = fs::temp_directory_path(ec);
+  if (ec) return;
+  // A store's: the whole folder of each attachment, owned while storeFile runs.
+  if (!CheckFileName(database_uuid, "database UUID") && IsOwnFolder(temporary / database_uuid)) {
+    for (const fs::directory_entry& entry : fs::directory_iterator(temporary / database_uuid, ec)) {
+      RemoveIfAbandoned(entry.path());
+    }
+  }
+  // A save's: folders named by an attachment's UUID, owned while the decryption runs.
+  // The temporary folder is shared, so only a folder that looks like nothing else goes.
+  for (const fs::directory_entry& entry : fs::directory_iterator(temporary, ec)) {
+    const std::string name = entry.path().filename().string();
+    if (name.starts_with(kURLSessionDownloadPrefix)) {
+      RemoveIfAbandoned(entry.path());
+    } else if (ParseUUID(name) && IsOwnFolder(entry.path()) &&
+               HoldsOnlyDecryptionWork(entry.path())) {
+      RemoveIfAbandoned(entry.path());
+    }
+  }
+  if (IsOwnFolder(temporary / kDownloadFolderName)) {
+    ReclaimPartialDownloads(temporary / kDownloadFolderName, kDownloadFolderDepth);
+  }
+}
+
+}  // namespace vm
