@@ -15,6 +15,7 @@
 #include "host/sqlite/SqliteTransferManager.h"
 #include "platform/DispatchQueue.h"
 #include "tools/vmattach/Host.h"
+#include "tools/vmattach/TransferCommands.h"
 
 namespace vm::vmattach {
 namespace {
@@ -255,6 +256,7 @@ int RunRecover(const GlobalOptions& options, int timeout_seconds) {
   if (!context) return ReportFailure(error);
   auto* manager = dynamic_cast<SqliteTransferManager*>(context->attachmentTransferManager());
   if (manager == nullptr) return ReportFailure("the data folder has no transfer manager");
+  ReclaimAbandonedFiles(*context);
   UploadRunner uploads(*context, *manager);
 
   struct Outcome {

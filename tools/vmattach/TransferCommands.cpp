@@ -6,13 +6,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <iostream>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <thread>
 
-#include "VMAttachments/cloud/VMCAttachment.h"
+#include "VMAttachments/cloud/VMCWorkFiles.h"
 #include "host/HXAttachmentCache.h"
 #include "host/HXFileAttachmentScheme.h"
 #include "host/HXFileAttachmentSchemeHandler.h"
@@ -20,12 +21,12 @@
 #include "host/sqlite/SqliteObjectContext.h"
 #include "host/sqlite/SqliteTransferManager.h"
 #include "platform/DispatchQueue.h"
+#include "platform/OwnerLock.h"
 #include "platform/Progress.h"
 #include "platform/SafeNames.h"
 #include "platform/ScopedFd.h"
 #include "platform/UniqueID.h"
-#include "tools/vmattach/DirectWrite.h"
-#include "tools/vmattach/GrowingFileCopy.h"
+#include "tools/vmattach/CopyIntoPlace.h"
 #include "tools/vmattach/Host.h"
 
 namespace vm::vmattach {
@@ -35,6 +36,10 @@ namespace fs = std::filesystem;
 using TransferList = std::vector<std::shared_ptr<VMAttachmentTransferObject>>;
 
 constexpr auto kTransferTimeout = std::chrono::seconds(600);
+// The partial copies vmattach makes in the cache: a store's staged copy, and an older
+// copy a retrieval sets aside; each carries its writer's OwnerLock.
+constexpr char kStagingPrefix[] = ".store-";
+constexpr char kAsideSuffix[] = ".previous";
 
 void PrintJSON(const nlohmann::json& value) { std::cout << value.dump(2) << "\n"; }
 
@@ -154,158 +159,37 @@ std::error_code ForEachFile(const fs::path& root, Visit visit) {
   return ec;
 }
 
-// Writes the files under `root` to the disk, then lets their now clean cached pages go (a
-// copy made durable is one not read again soon); the first error.
-std::error_code SyncAndReleaseTree(const fs::path& root) {
-  return ForEachFile(root, [](int fd) {
-    if (::fdatasync(fd) != 0) return errno;
-    ::posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED);
-    return 0;
-  });
-}
-
 // Lets the kernel drop the clean cached pages of the files under `root`. For a large copy
 // that is kept but not read soon, so that it does not hold memory a transfer could use.
 void ReleaseCachedPages(const fs::path& root) {
   ForEachFile(root, [](int fd) { return ::posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED); });
 }
 
-// Copies the regular file `from` to the new file `to` (same mode) with its bytes going
-// straight to the disk, and flushes it. A copy that must be durable gains nothing from
-// the page cache: it would fill memory with pages that have to be written back and let
-// go of at once. EINVAL when the file system takes no direct writes (then nothing was
-// made); otherwise the first error, leaving a partial `to` for the caller to remove.
-std::error_code CopyFileToDisk(const fs::path& from, const fs::path& to) {
-  auto failure = [] { return std::error_code(errno, std::generic_category()); };
-  ScopedFd in(::open(from.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
-  struct stat info {};
-  if (in.get() < 0 || ::fstat(in.get(), &info) != 0) return failure();
-  ScopedFd out(::open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC | O_DIRECT,
-                      info.st_mode & 07777));
-  // The mode exactly, whatever the umask.
-  if (out.get() < 0 || ::fchmod(out.get(), info.st_mode & 07777) != 0) return failure();
-  DirectBuffer buffer = NewDirectBuffer();
-  if (!buffer) return std::make_error_code(std::errc::not_enough_memory);
-  for (;;) {
-    // A whole chunk unless the file ends first.
-    std::size_t filled = 0;
-    while (filled < kDirectChunk) {
-      const ssize_t got = ::read(in.get(), buffer.get() + filled, kDirectChunk - filled);
-      if (got < 0 && errno == EINTR) continue;
-      if (got < 0) return failure();
-      if (got == 0) break;
-      filled += static_cast<std::size_t>(got);
-    }
-    if (filled > 0 && !WriteDirect(out.get(), buffer.get(), filled)) return failure();
-    if (filled < kDirectChunk) break;
-  }
-  // Direct writes may leave the file's size and block map only in memory.
-  if (::fdatasync(out.get()) != 0) return failure();
-  ::posix_fadvise(out.get(), 0, 0, POSIX_FADV_DONTNEED);
-  return {};
-}
-
-// The hidden name beside `to` under which a copy is made before it is put in place.
-fs::path PartialPathFor(const fs::path& to) {
-  return to.parent_path() / ("." + to.filename().string() + ".vmattach-partial");
-}
-
-// Renames the finished copy `partial` to `to`. An existing `to` is refused (EEXIST), or
-// with `replace` swapped out and removed once the copy is in place. On failure `partial`
-// is removed.
-bool PutInPlace(const fs::path& partial, const fs::path& to, bool replace, ErrorRef* error) {
-  std::error_code ec;
-  if (replace &&
-      ::renameat2(AT_FDCWD, partial.c_str(), AT_FDCWD, to.c_str(), RENAME_EXCHANGE) == 0) {
-    // `partial` now holds what was at `to`.
-    fs::remove_all(partial, ec);
-    return true;
-  }
-  if (::renameat2(AT_FDCWD, partial.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) {
-    return true;
-  }
-  ec = std::error_code(errno, std::generic_category());
-  std::error_code ignored;
-  fs::remove_all(partial, ignored);
-  return Fail(error, PosixError(ec, to));
-}
-
-// Copies the file or folder `from` to `to`: into a hidden name beside it first, then put
-// in place (PutInPlace), so that a failure leaves nothing new under `to`'s name. Modes
-// (and so executable bits) are kept. With `durable` the bytes reach the disk before the
-// name appears, so that a crash never leaves a short copy under it, and do not stay in
-// the page cache: a file goes straight to the disk, a folder's files are flushed and let
-// go of.
-bool CopyIntoPlace(const fs::path& from, const fs::path& to, bool replace, ErrorRef* error,
-                   bool durable = false) {
-  const fs::path partial = PartialPathFor(to);
-  std::error_code ec;
-  fs::remove_all(partial, ec);
-  bool copied = false;
-  if (durable && fs::is_regular_file(fs::symlink_status(from, ec))) {
-    ec = CopyFileToDisk(from, partial);
-    copied = ec != std::errc::invalid_argument;
-    if (!copied) fs::remove(partial, ec);
-  }
-  if (!copied) {
-    fs::copy(from, partial, fs::copy_options::recursive | fs::copy_options::copy_symlinks, ec);
-    if (!ec && durable) ec = SyncAndReleaseTree(partial);
-  }
-  if (ec) {
-    std::error_code ignored;
-    fs::remove_all(partial, ignored);
-    return Fail(error, PosixError(ec, to));
-  }
-  return PutInPlace(partial, to, replace, error);
-}
-
-// The folder in which the cloud scheme decrypts a download ($TMPDIR/<UUID>), when the
-// handler is the cloud scheme's, the UUID is one folder name, and the folder is either
-// missing or a directory of our own (never someone else's, nor a link). Empty otherwise.
-fs::path DecryptionFolder(const HXFileAttachmentSchemeHandler& handler,
-                          const HXFileAttachment& attachment) {
-  if (dynamic_cast<const VMCAttachment*>(&handler) == nullptr) return {};
-  const std::string uuid = attachment.attachmentUUID().value_or("");
-  std::error_code ec;
-  const fs::path folder = fs::temp_directory_path(ec) / uuid;
-  if (ec || CheckFileName(uuid, "attachment UUID")) return {};
-  struct stat info {};
-  if (::lstat(folder.c_str(), &info) == 0 &&
-      (!S_ISDIR(info.st_mode) || info.st_uid != ::geteuid())) {
-    return {};
-  }
-  return folder;
-}
-
-// The file in which the cloud scheme decrypts a download of a plain file
-// (DecryptionFolder / "crypt"), when following it is worth it and safe: the record is
-// stored as a plain file, and any stale file under that name is gone, so that the file
-// followed is the one this decryption creates. Empty otherwise.
-fs::path DecryptionWorkFile(const HXFileAttachmentSchemeHandler& handler,
-                            const HXFileAttachment& attachment) {
-  // The scheme takes a record without a storage type for a plain file.
-  if (auto type = attachment.objectForKeyedSubscript(kHXFileAttachmentStorageTypeKey)) {
-    const auto* number = std::get_if<std::int64_t>(&*type);
-    if (number == nullptr || *number != VMCAttachment::kStorageTypePlainFile) return {};
-  }
-  const fs::path folder = DecryptionFolder(handler, attachment);
-  if (folder.empty()) return {};
-  const fs::path work = folder / "crypt";
-  if (::unlink(work.c_str()) != 0 && errno != ENOENT) return {};
-  return work;
-}
-
-// The scheme leaves its decryption folder behind, empty: a host that retrieves many
-// attachments would leave one per attachment. rmdir(2) removes it only when empty.
-void RemoveEmptyDecryptionFolder(const HXFileAttachmentSchemeHandler& handler,
-                                 const HXFileAttachment& attachment) {
-  const fs::path folder = DecryptionFolder(handler, attachment);
-  if (!folder.empty()) ::rmdir(folder.c_str());
+// Where a retrieval sets aside an attachment's older cached copy.
+fs::path AsidePathFor(const fs::path& cached) {
+  fs::path aside = cached;
+  aside += kAsideSuffix;
+  return aside;
 }
 
 fs::path CacheFolder(const HXFileAttachment& attachment) {
   auto cache = HXAttachmentCache::sharedCache();
   return cache ? cache->absoluteFilePathForObject(attachment) : fs::path();
+}
+
+// Puts back, or removes, an older cached copy that a retrieval set aside and did not live
+// to put back or remove.
+void ReclaimAside(const fs::path& aside) {
+  OwnerLock lock = OwnerLock::Hold(aside, nullptr);
+  if (!lock.held()) return;
+  std::string name = aside.filename().string();
+  name.resize(name.size() - std::strlen(kAsideSuffix));
+  const fs::path cached = aside.parent_path() / name;
+  std::error_code ec;
+  if (fs::exists(fs::symlink_status(cached, ec)) ||
+      ::renameat2(AT_FDCWD, aside.c_str(), AT_FDCWD, cached.c_str(), RENAME_NOREPLACE) != 0) {
+    fs::remove_all(aside, ec);
+  }
 }
 
 int RunList(const GlobalOptions& options) {
@@ -354,6 +238,7 @@ int RunResume(const GlobalOptions& options, std::uint64_t id) {
   ErrorRef error;
   auto context = OpenHost(options, &error);
   if (!context) return ReportFailure(error);
+  ReclaimAbandonedFiles(*context);
   TransferList transfers = TransfersOf(*context, id);
   if (id != 0 && transfers.empty()) {
     return ReportFailure(fmt::format("no transfer for attachment {}", id));
@@ -371,12 +256,6 @@ int RunResume(const GlobalOptions& options, std::uint64_t id) {
         transfer->attachment()) {
       ForgetAttachment(*context, transfer->attachment(), &failure);
     }
-    if (transfer->operationType() == kTransferOperationDownload && transfer->attachment()) {
-      auto scheme = transfer->attachment()->fileAttachmentScheme();
-      if (auto handler = scheme ? scheme->schemeHandler() : nullptr) {
-        RemoveEmptyDecryptionFolder(*handler, *transfer->attachment());
-      }
-    }
     if (options.json) {
       nlohmann::json item = {
           {"id", key}, {"type", type}, {"status", failure ? "failed" : "finished"}};
@@ -390,6 +269,8 @@ int RunResume(const GlobalOptions& options, std::uint64_t id) {
       ReportFailure(ResumeHint(key));
     }
   }
+  // A resumed download leaves the scheme's emptied decryption folder behind.
+  ReclaimAbandonedWorkFiles(context->databaseUUID());
   if (!context->saveChanges(&error)) return ReportFailure(error);
   if (options.json) PrintJSON(out);
   return exit_code;
@@ -463,6 +344,21 @@ int RunDelete(const GlobalOptions& options, std::uint64_t id) {
 
 }  // namespace
 
+void ReclaimAbandonedFiles(SqliteObjectContext& context) {
+  ReclaimAbandonedWorkFiles(context.databaseUUID());
+  std::error_code ec;
+  for (const fs::directory_entry& entry : fs::directory_iterator(context.cacheDirectory(), ec)) {
+    if (entry.path().filename().string().starts_with(kStagingPrefix)) {
+      RemoveIfAbandoned(entry.path());
+    } else if (entry.is_directory(ec) && !entry.is_symlink(ec)) {
+      // The cache folders of attachments without a share folder: <two letters>/<UUID>.
+      for (const fs::directory_entry& inner : fs::directory_iterator(entry.path(), ec)) {
+        if (inner.path().filename().string().ends_with(kAsideSuffix)) ReclaimAside(inner.path());
+      }
+    }
+  }
+}
+
 bool QueuesTransfers(const HXFileAttachmentSchemeHandler& handler) {
   return dynamic_cast<const VMAttachmentTransferHandlerProtocol*>(&handler) != nullptr;
 }
@@ -471,6 +367,7 @@ int StoreThroughTransfer(SqliteObjectContext& context,
                          const std::shared_ptr<HXFileAttachment>& attachment,
                          HXFileAttachmentSchemeHandler& handler, const fs::path& source,
                          const std::string& relative_path, const GlobalOptions& options) {
+  ReclaimAbandonedFiles(context);
   auto delegate = std::make_shared<CommandDelegate>("store");
   attachment->setDelegate(delegate);
   ErrorRef error;
@@ -496,17 +393,26 @@ int StoreThroughTransfer(SqliteObjectContext& context,
   std::string cache_problem;
   std::jthread cache_copy;
   const std::string name = attachment->name();
-  const fs::path staging = context.cacheDirectory() / (".store-" + ToLower(MakeUniqueID()));
-  const bool cacheable =
-      !CacheFolder(*attachment).empty() && !CheckFileName(name, "attachment name");
+  const fs::path staging = context.cacheDirectory() / (kStagingPrefix + ToLower(MakeUniqueID()));
+  bool cacheable = !CacheFolder(*attachment).empty() && !CheckFileName(name, "attachment name");
+  // Owned while the store runs, so that no other process reclaims it as abandoned.
+  OwnerLock staging_lock;
+  if (cacheable) {
+    std::error_code ec;
+    fs::create_directories(context.cacheDirectory(), ec);
+    ErrorRef lock_error;
+    staging_lock = OwnerLock::CreateFolder(staging, &lock_error);
+    cacheable = staging_lock.held();
+    if (!cacheable) {
+      cache_problem = ec ? ec.message() : lock_error ? lock_error->localizedDescription() : "";
+    }
+  }
   if (cacheable) {
     cache_copy = std::jthread([source, staging, name, &cache_problem] {
-      std::error_code ec;
-      fs::create_directories(staging, ec);
       ErrorRef copy_error;
       // The cache copy is opened later as the attachment itself, so it must be whole.
-      if (ec || !CopyIntoPlace(source, staging / name, false, &copy_error, true)) {
-        cache_problem = copy_error ? copy_error->localizedDescription() : ec.message();
+      if (!CopyIntoPlace(source, staging / name, false, &copy_error)) {
+        cache_problem = copy_error->localizedDescription();
       }
     });
   }
@@ -554,6 +460,7 @@ int RetrieveAndCopy(SqliteObjectContext& context,
   if (ErrorRef refused = CheckFileName(name, "attachment name")) return ReportFailure(refused);
   const fs::path target = destination / name;
   std::error_code ec;
+  ErrorRef error;
   if (!replace && fs::exists(fs::symlink_status(target, ec))) {
     return ReportFailure(PosixError(EEXIST, target));
   }
@@ -561,10 +468,16 @@ int RetrieveAndCopy(SqliteObjectContext& context,
   if (cached.empty()) return ReportFailure("no attachment cache");
   // The scheme downloads into the cache folder; an older copy is set aside so that the
   // result is the only item there, and comes back if the download fails.
-  fs::path aside = cached;
-  aside += ".previous";
-  fs::remove_all(aside, ec);
-  bool set_aside = fs::exists(cached, ec) && (fs::rename(cached, aside, ec), !ec);
+  const fs::path aside = AsidePathFor(cached);
+  if (!RemoveIfAbandoned(aside)) return ReportFailure(PosixError(EBUSY, aside));
+  // The copy set aside is this process's until the retrieval ends: locked before it is
+  // renamed, so that no other process takes it for abandoned.
+  OwnerLock aside_lock;
+  if (fs::exists(fs::symlink_status(cached, ec))) {
+    aside_lock = OwnerLock::Hold(cached, &error);
+    if (!aside_lock.held()) return ReportFailure(error);
+  }
+  bool set_aside = aside_lock.held() && (fs::rename(cached, aside, ec), !ec);
   // The older copy only matters if the download fails.
   if (set_aside) ReleaseCachedPages(aside);
   auto restore = [&] {
@@ -574,19 +487,8 @@ int RetrieveAndCopy(SqliteObjectContext& context,
     fs::rename(aside, cached, ignored);
   };
 
-  // A plain file is copied into DIR while the scheme decrypts it, straight to the disk,
-  // which the decryption leaves idle, instead of after it. That copy is used only when it
-  // is provably of the file that ended in the cache; otherwise the copy below is made.
-  const fs::path partial = PartialPathFor(target);
-  std::optional<GrowingFileCopy> early_copy;
-  if (const fs::path work = DecryptionWorkFile(handler, *attachment); !work.empty()) {
-    fs::remove_all(partial, ec);
-    early_copy.emplace(work, partial);
-  }
-
   auto delegate = std::make_shared<CommandDelegate>("retrieve");
   attachment->setDelegate(delegate);
-  ErrorRef error;
   if (!handler.retrieveAttachment(attachment, destination, delegate, &error)) {
     // Some refusals arrive on the main queue after the call returned.
     if (!error) delegate->waitForOutcome(std::chrono::seconds(5));
@@ -621,12 +523,10 @@ int RetrieveAndCopy(SqliteObjectContext& context,
       fs::remove_all(aside, ignored);
     });
   }
-  // Durable, so that a crash after "finished" never leaves a short file under the name,
-  // nor with --replace a short file in place of the one it replaced.
-  const bool placed = early_copy && early_copy->finish(result)
-                          ? PutInPlace(partial, target, replace, &error)
-                          : CopyIntoPlace(result, target, replace, &error, true);
-  if (!placed) return ReportFailure(error);
+  // Flushed before it takes its name, so that a crash after "finished" never leaves a
+  // short file under the name, nor with --replace a short file in place of the one it
+  // replaced.
+  if (!CopyIntoPlace(result, target, replace, &error)) return ReportFailure(error);
   if (!context.saveChanges(&error)) return ReportFailure(error);
   if (options.json) {
     PrintJSON({{"id", attachment->primaryKeyValue()},
@@ -644,8 +544,10 @@ int RetrieveThroughCache(SqliteObjectContext& context,
                          const std::shared_ptr<HXFileAttachment>& attachment,
                          HXFileAttachmentSchemeHandler& handler, const fs::path& destination,
                          bool replace, const GlobalOptions& options) {
+  ReclaimAbandonedFiles(context);
   const int status = RetrieveAndCopy(context, attachment, handler, destination, replace, options);
-  RemoveEmptyDecryptionFolder(handler, *attachment);
+  // The scheme leaves its emptied decryption folder behind.
+  ReclaimAbandonedWorkFiles(context.databaseUUID());
   return status;
 }
 

@@ -18,6 +18,11 @@ namespace vm::vmattach {
 // `delete ID` and `transfers [resume [ID] | suspend ID | cancel ID]`.
 void AddTransferCommands(CLI::App& app, const GlobalOptions& options, int* exit_code);
 
+// Removes what killed processes left behind, as far as no live process owns it: the
+// schemes' work files (through the library) and vmattach's own partial copies in the
+// attachment cache. Commands that store, retrieve, resume or recover call it first.
+void ReclaimAbandonedFiles(SqliteObjectContext& context);
+
 // Whether `handler` queues its transfers with the host's transfer manager and leaves
 // starting them to the host (the cloud scheme does).
 bool QueuesTransfers(const HXFileAttachmentSchemeHandler& handler);

@@ -2,19 +2,21 @@
 // the address written in TARGET_FILE ("host:port", read per connection, so the proxy can
 // start before the server it fronts), holds the client-to-server direction to the rate in
 // RATE_FILE (bytes per second, read per chunk; 0 or missing: no limit) and keeps the count
-// of bytes sent upstream in COUNT_FILE. Prints "listening on 127.0.0.1:PORT".
+// of bytes sent upstream in COUNT_FILE; with DOWN_RATE_FILE, holds the other direction to
+// the rate in it the same way. Prints "listening on 127.0.0.1:PORT".
 //
-// usage: node throttle_proxy.js TARGET_FILE RATE_FILE COUNT_FILE
+// usage: node throttle_proxy.js TARGET_FILE RATE_FILE COUNT_FILE [DOWN_RATE_FILE]
 'use strict';
 const fs = require('fs');
 const net = require('net');
 
-const [targetFile, rateFile, countFile] = process.argv.slice(2);
+const [targetFile, rateFile, countFile, downRateFile] = process.argv.slice(2);
 let forwarded = 0;
 
-function readRate() {
+function readRate(file = rateFile) {
+  if (!file) return 0;
   try {
-    return Number(fs.readFileSync(rateFile, 'utf8').trim()) || 0;
+    return Number(fs.readFileSync(file, 'utf8').trim()) || 0;
   } catch {
     return 0;
   }
@@ -31,7 +33,21 @@ const server = net.createServer((client) => {
   upstream.on('error', close);
   upstream.on('close', () => client.destroy());
   client.on('end', () => upstream.end());
-  upstream.pipe(client);
+  if (!downRateFile) {
+    upstream.pipe(client);
+  } else {
+    upstream.on('data', (chunk) => {
+      const rate = readRate(downRateFile);
+      if (!client.write(chunk) || rate > 0) upstream.pause();
+      const delay = rate > 0 ? (chunk.length * 1000) / rate : 0;
+      if (client.writableNeedDrain) {
+        client.once('drain', () => setTimeout(() => upstream.resume(), delay));
+      } else if (rate > 0) {
+        setTimeout(() => upstream.resume(), delay);
+      }
+    });
+    upstream.on('end', () => client.end());
+  }
   client.on('data', (chunk) => {
     upstream.write(chunk);
     forwarded += chunk.length;

@@ -1,0 +1,119 @@
+#!/usr/bin/env bash
+# What a vmattach killed with SIGKILL leaves behind (work files, partial downloads, partial
+# cache copies) is removed by the next command that stores, retrieves or resumes. vmcloudd
+# runs on loopback behind a throttling proxy, so that the test can kill each writer while
+# it writes.
+#
+# usage: reclaim_cli_test.sh VMATTACH VMCLOUDD
+set -u
+vmattach=$1
+vmcloudd=$2
+here=$(cd "$(dirname "$0")" && pwd)
+source "$here/check.sh"
+work=$(mktemp -d)
+export TMPDIR="$work/tmp"
+mkdir -p "$TMPDIR" "$work/in" "$work/out"
+pids=()
+cleanup() {
+  for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null; done
+  wait 2>/dev/null
+  rm -rf "$work"
+}
+trap cleanup EXIT
+
+# start_server LOG COMMAND...: starts a server that prints "listening on 127.0.0.1:PORT"
+# and sets $port, or fails the script.
+start_server() {
+  local log=$1
+  shift
+  "$@" >"$log" 2>&1 &
+  pids+=($!)
+  for _ in $(seq 150); do
+    port=$(sed -n 's/.*listening on 127\.0\.0\.1:\([0-9]*\).*/\1/p' "$log" | head -1)
+    [ -n "$port" ] && return 0
+    sleep 0.1
+  done
+  echo "FAILED: $1 did not start: $(cat "$log")"
+  exit 1
+}
+
+echo 0 >"$work/up"
+echo 0 >"$work/down"
+start_server "$work/proxy.log" node "$here/throttle_proxy.js" "$work/target" "$work/up" \
+  "$work/forwarded" "$work/down"
+start_server "$work/vmcloudd.log" "$vmcloudd" --listen 127.0.0.1:0 --data "$work/service" \
+  --token sekrit --public-url "http://127.0.0.1:$port"
+echo "127.0.0.1:$port" >"$work/target"
+
+va() { "$vmattach" --data-dir "$work/data" "$@"; }
+id_of() { sed -n 's/.*"id": \([0-9]*\).*/\1/p' | head -1; }
+va scheme add cloud --type cloud --api "http://127.0.0.1:$port" --token sekrit >/dev/null
+# Large enough that encrypting and decrypting take a moment to catch.
+head -c 100000000 /dev/urandom >"$work/in/large.bin"
+head -c 3000000 /dev/urandom >"$work/in/medium.bin"
+echo small >"$work/in/small.txt"
+
+# kill_when PATTERN COMMAND...: runs vmattach COMMAND, kills it with SIGKILL as soon as a
+# path matching the glob PATTERN exists, and says whether it caught it there.
+kill_when() {
+  local pattern=$1
+  shift
+  "$vmattach" --data-dir "$work/data" "$@" >/dev/null 2>&1 &
+  local pid=$! caught=1
+  for _ in $(seq 3000); do
+    if compgen -G "$pattern" >/dev/null; then
+      kill -KILL "$pid" 2>/dev/null && caught=0
+      break
+    fi
+    kill -0 "$pid" 2>/dev/null || break
+    sleep 0.01
+  done
+  kill -KILL "$pid" 2>/dev/null
+  wait "$pid" 2>/dev/null
+  return $caught
+}
+# Whether no work file, partial download or partial cache copy is left: no file in the
+# temporary folder, no attachment's work folder below a database's, no folder named as
+# attachment $1 (a decryption's), nothing staged or set aside in the cache.
+nothing_left() {
+  test -z "$(find "$TMPDIR" -type f)" &&
+    test -z "$(find "$TMPDIR" -mindepth 2 -maxdepth 2 -type d ! -path "$TMPDIR/HXAttachmentCache/*")" &&
+    test -z "$(find "$TMPDIR" -iname "${1:-none}")" &&
+    test -z "$(find "$work/data/cache" \( -name '.store-*' -o -name '*.previous' \
+      -o -name '*.vmattach-partial' \))"
+}
+
+check "a store killed while it encrypts" kill_when "$TMPDIR/*/*/crypt" store "$work/in/large.bin" --scheme cloud
+check "the next store succeeds" va store "$work/in/small.txt" --scheme cloud >/dev/null
+check "and reclaims the killed store's work files" nothing_left
+
+echo 100000 >"$work/up"
+check "a store killed while it uploads" \
+  kill_when "$work/data/cache/.store-*/medium.bin" store "$work/in/medium.bin" --scheme cloud
+echo 0 >"$work/up"
+check "the next store succeeds" va store "$work/in/small.txt" --scheme cloud >/dev/null
+check "and reclaims the killed store's staged cache copy" nothing_left
+check "the killed upload still resumes" va transfers resume >/dev/null
+
+id_medium=$(va list --json | node -e "let s='';process.stdin.on('data',d=>s+=d).on('end',()=>
+  console.log(JSON.parse(s).find(r=>r.name==='medium.bin').id))")
+# A first retrieval leaves a cached copy, which the next one sets aside while it downloads.
+check "a first retrieval succeeds" va retrieve "$id_medium" --to "$work/first" >/dev/null
+echo 100000 >"$work/down"
+check "a retrieval killed while it downloads" \
+  kill_when "$TMPDIR/HXAttachmentCache/*/*/*/.vm-download-*" retrieve "$id_medium" --to "$work/killed"
+check "with the older cached copy set aside" test -n "$(find "$work/data/cache" -name '*.previous')"
+echo 0 >"$work/down"
+check "the next retrieval succeeds" va retrieve "$id_medium" --to "$work/out" >/dev/null
+check "and gives the same bytes" cmp -s "$work/in/medium.bin" "$work/out/medium.bin"
+check "and reclaims the partial download and the set-aside copy" nothing_left
+
+id_large=$(va store "$work/in/large.bin" --scheme cloud --json | id_of)
+check "a retrieval killed while it decrypts" \
+  kill_when "$TMPDIR/*-*-*-*-*/crypt" retrieve "$id_large" --to "$work/killed"
+check "the next retrieval succeeds" va retrieve "$id_large" --to "$work/out" >/dev/null
+check "and gives the same bytes" cmp -s "$work/in/large.bin" "$work/out/large.bin"
+check "and reclaims the partial decryption" nothing_left "$(va show "$id_large" --json |
+  sed -n 's/.*"uuid": "\(.*\)".*/\1/p')"
+
+finish "vmattach reclaiming"
