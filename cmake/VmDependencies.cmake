@@ -16,11 +16,14 @@ find_package(CLI11 REQUIRED)
 pkg_check_modules(PLIST REQUIRED IMPORTED_TARGET libplist-2.0)
 pkg_check_modules(UUID REQUIRED IMPORTED_TARGET uuid)
 # Debian builds cpp-httplib as a shared library (the header only declares); its pkg-config
-# file carries the feature macros the library was built with, which must match ours.
-pkg_check_modules(HTTPLIB REQUIRED IMPORTED_TARGET cpp-httplib)
-add_library(vm_httplib INTERFACE)
-target_link_libraries(vm_httplib INTERFACE PkgConfig::HTTPLIB OpenSSL::SSL OpenSSL::Crypto
-                                           Threads::Threads)
+# file carries the feature macros the library was built with, which must match ours. Only
+# the tests and benchmarks use it.
+if(VM_BUILD_TESTS OR VM_BUILD_BENCHMARKS)
+  pkg_check_modules(HTTPLIB REQUIRED IMPORTED_TARGET cpp-httplib)
+  add_library(vm_httplib INTERFACE)
+  target_link_libraries(vm_httplib INTERFACE PkgConfig::HTTPLIB OpenSSL::SSL OpenSSL::Crypto
+                                             Threads::Threads)
+endif()
 
 if(VM_BUILD_TESTS)
   find_package(GTest REQUIRED)
