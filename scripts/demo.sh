@@ -1,13 +1,14 @@
 #!/usr/bin/env bash
 # The main job on a fresh machine: installs, builds, then stores and retrieves attachments
-# with vmattach in a throw-away data folder, on the embedded defaults.
+# with vmattach in a throw-away data folder, on the embedded defaults. Installs only what
+# building needs (no test servers) and builds the tools without the test suite.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-scripts/install-deps.sh
-cmake --preset default >/dev/null
-cmake --build --preset default -j"$(nproc)" >/dev/null
-bin=build/default
+scripts/install-deps.sh build
+cmake --preset demo >/dev/null
+cmake --build --preset demo -j"$(nproc)" --target vmattach vmcloudd >/dev/null
+bin=build/demo
 
 demo=$(mktemp -d)
 trap 'rm -rf "$demo"' EXIT

@@ -5,7 +5,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-scripts/install-deps.sh
+scripts/install-deps.sh test
 
 presets=${VM_PRESETS:-"default asan tsan"}
 jobs=$(nproc)
