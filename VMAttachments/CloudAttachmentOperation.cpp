@@ -411,6 +411,7 @@ void DownloadCloudAttachmentOperation::didWriteData(URLSession&, URLSessionTask&
 
 void DownloadCloudAttachmentOperation::didFinishDownloadingToURL(
     URLSession&, URLSessionTask& downloadTask, const std::filesystem::path& location) {
+  bytes_arrived_.store(true);
   completeDownload(location, downloadTask.response(), error());
 }
 
@@ -488,15 +489,20 @@ void DownloadCloudAttachmentOperation::completeDownload(
 
 void DownloadCloudAttachmentOperation::didCompleteWithError(URLSession&, URLSessionTask& task,
                                                             const ErrorRef& error) {
-  // Only an answer longer than announced ends the operation here; any other transport
-  // failure keeps leaving it running (see the class comment).
-  if (!IsOverlongReply(error)) return;
-  const auto* http = dynamic_cast<const HTTPURLResponse*>(task.response().get());
-  if (http != nullptr && !isSuccess(*http)) {
-    failWithError(CloudAttachmentError(CloudAttachmentErrorCode::kDownloadFailed));
-  } else {
-    failWithError(UnusableReply());
+  // A download whose bytes arrived ends through completeDownload; so does one without error.
+  if (!error || bytes_arrived_.load() || isFinished()) return;
+  if (IsOverlongReply(error)) {
+    const auto* http = dynamic_cast<const HTTPURLResponse*>(task.response().get());
+    if (http != nullptr && !isSuccess(*http)) {
+      failWithError(CloudAttachmentError(CloudAttachmentErrorCode::kDownloadFailed));
+    } else {
+      failWithError(UnusableReply());
+    }
+    return;
   }
+  // Cut short, refused, redirected away or out of disk: nothing more will come, and the
+  // one waiting for this transfer hears it now rather than at a deadline.
+  failWithError(error);
 }
 
 // ---- DeleteCloudAttachmentOperation -------------------------------------------------------

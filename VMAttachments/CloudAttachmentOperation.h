@@ -1,6 +1,7 @@
 #ifndef VM_VMATTACHMENTS_CLOUDATTACHMENTOPERATION_H_
 #define VM_VMATTACHMENTS_CLOUDATTACHMENTOPERATION_H_
 
+#include <atomic>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
@@ -191,11 +192,10 @@ class UploadCloudAttachmentOperation : public TransferCloudAttachmentOperation {
 // address (GET), downloads from there and moves the file to `downloadLocation`, which must
 // not exist yet.
 //
-// A storage-provider download that fails in transport (no connection, timeout) leaves the
-// operation executing in authorizing, without an error: the operation ends no transfer
-// for that case, on purpose. Whoever needs a bound watches the task handed to
-// onURLTaskStarted. The one exception is an answer longer than the web API announced,
-// which fails the operation rather than fill the disk.
+// A storage-provider download that fails in transport (no connection, cut short, a
+// redirect it may not follow, a full disk) fails the operation with the transport's error,
+// so that whoever waits hears of it at once. An answer longer than the web API announced
+// fails it as 105 (107 when the answer was a refusal) rather than fill the disk.
 class DownloadCloudAttachmentOperation : public TransferCloudAttachmentOperation {
  public:
   DownloadCloudAttachmentOperation(AuthToken authToken, std::string attachmentUUID,
@@ -213,8 +213,7 @@ class DownloadCloudAttachmentOperation : public TransferCloudAttachmentOperation
   // finishes or fails from there.
   void didFinishDownloadingToURL(URLSession& session, URLSessionTask& downloadTask,
                                  const std::filesystem::path& location) override;
-  // An answer longer than the size the web API announced fails the operation (105, or 107
-  // when the answer was a refusal); every other transport failure is ignored, as above.
+  // A transport failure before the bytes arrived fails the operation, as above.
   void didCompleteWithError(URLSession& session, URLSessionTask& task,
                             const ErrorRef& error) override;
 
@@ -230,6 +229,8 @@ class DownloadCloudAttachmentOperation : public TransferCloudAttachmentOperation
 
   const std::string attachment_uuid_;
   const std::filesystem::path download_location_;
+  // Set once the session handed over the downloaded file: the outcome is completeDownload's.
+  std::atomic<bool> bytes_arrived_{false};
 };
 
 // Removes one attachment from the cloud with a DELETE to the web API. Any answer that

@@ -611,30 +611,46 @@ TEST_F(CloudAttachmentOperationTest, DownloadAcrossFileSystemsIsCopiedOffTheMain
   EXPECT_FALSE(std::filesystem::exists(location)) << "the session removes its temporary file";
 }
 
-TEST_F(CloudAttachmentOperationTest, DownloadTransportFailureLeavesTheOperationRunning) {
-  service_.server().on("GET", CloudTestService::kResourcePattern, [](const ServerRequest&) {
-    return ServerReply{200, DownloadReply(RefusedURL())};
-  });
-  auto op = std::make_shared<DownloadCloudAttachmentOperation>(
-      AuthToken(kToken), CloudTestService::kUUID, temp_ / "out");
-  std::shared_ptr<URLSessionTask> task;
-  std::mutex mu;
-  op->setOnURLTaskStarted([&](const std::shared_ptr<URLSessionTask>& t) {
-    std::lock_guard lock(mu);
-    task = t;
-  });
-  queue_.addOperation(op);
-  ASSERT_TRUE(MainQueue::shared().runUntilCondition(
-      [&] {
-        std::lock_guard lock(mu);
-        return task && task->state() == URLSessionTask::State::kCompleted;
-      },
-      std::chrono::steady_clock::now() + 20s));
-  MainQueue::shared().drainPending();
-  EXPECT_EQ(task->error()->code(), kURLErrorCannotConnectToHost);
-  EXPECT_EQ(op->state(), Op::State::kAuthorizing);
-  EXPECT_TRUE(op->isExecuting());
-  EXPECT_EQ(op->error(), nullptr);
+TEST_F(CloudAttachmentOperationTest, DownloadTransportFailuresFailTheOperationAtOnce) {
+  struct Case {
+    const char* name;
+    std::function<std::string()> download_url;
+    std::int64_t code;
+  };
+  const Case cases[] = {
+      {"refused", [] { return RefusedURL(); }, kURLErrorCannotConnectToHost},
+      {"redirected to a file",
+       [this] {
+         service_.server().on("GET", "/storage/away", [](const ServerRequest&) {
+           return ServerReply{302, "", "text/plain", {{"Location", "file:///etc/hostname"}}};
+         });
+         return service_.server().url("/storage/away");
+       },
+       kURLErrorUnsupportedURL},
+      {"redirected in a loop",
+       [this] {
+         service_.server().on("GET", "/storage/loop", [this](const ServerRequest&) {
+           return ServerReply{
+               302, "", "text/plain", {{"Location", service_.server().url("/storage/loop")}}};
+         });
+         return service_.server().url("/storage/loop");
+       },
+       kURLErrorHTTPTooManyRedirects},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    service_.reset();
+    const std::string url = c.download_url();
+    service_.server().on("GET", CloudTestService::kResourcePattern, [url](const ServerRequest&) {
+      return ServerReply{200, DownloadReply(url)};
+    });
+    auto op = std::make_shared<DownloadCloudAttachmentOperation>(
+        AuthToken(kToken), CloudTestService::kUUID, temp_ / "out");
+    Run(op);
+    ExpectError(*op, {std::string(NSURLErrorDomain), c.code});
+    EXPECT_FALSE(std::filesystem::exists(temp_ / "out"));
+  }
+  EXPECT_TRUE(std::filesystem::is_empty(temp_.path()));
 }
 
 struct DeleteCase {
