@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <set>
 
 #include "host/HXFileAttachment.h"
 #include "host/HXFileAttachmentTransferDelegate.h"
@@ -174,21 +175,49 @@ void SqliteTransferManager::removeStoreWorkFolder(const std::string& attachment_
 
 bool SqliteTransferManager::load(ErrorRef* error) {
   auto statement = context_->database().prepare(
-      "SELECT attachmentID, attachmentPK, operationType, path FROM transfers ORDER BY id", error);
+      "SELECT attachmentID, attachmentPK, operationType, path, id FROM transfers ORDER BY id",
+      error);
   if (!statement) return false;
   struct Row {
     std::string id;
     std::uint64_t key;
     std::uint64_t type;
     std::string path;
+    std::int64_t row;
   };
   std::vector<Row> rows;
   ErrorRef failure;
   while (statement->step(&failure)) {
     rows.push_back({statement->columnText(0), static_cast<std::uint64_t>(statement->columnInt(1)),
-                    static_cast<std::uint64_t>(statement->columnInt(2)), statement->columnText(3)});
+                    static_cast<std::uint64_t>(statement->columnInt(2)), statement->columnText(3),
+                    statement->columnInt(4)});
   }
   if (failure) return Fail(error, failure);
+  // An attachment has one download: every later row of the same download (an earlier
+  // version registered one per failed retrieval) goes, or resuming them would run them
+  // all into the same file.
+  std::set<std::string> downloads;
+  std::vector<std::int64_t> duplicates;
+  std::erase_if(rows, [&](const Row& row) {
+    const bool duplicate =
+        row.type == kTransferOperationDownload && !downloads.insert(row.id).second;
+    if (duplicate) duplicates.push_back(row.row);
+    return duplicate;
+  });
+  if (!duplicates.empty() && !context_->performTransaction(
+                                 [&](SqliteDatabase& db, ErrorRef* e) {
+                                   for (std::int64_t row : duplicates) {
+                                     auto remove =
+                                         db.prepare("DELETE FROM transfers WHERE id = ?", e);
+                                     if (!remove) return false;
+                                     remove->bindInt(1, row);
+                                     if (!remove->run(e)) return false;
+                                   }
+                                   return true;
+                                 },
+                                 error)) {
+    return false;
+  }
   std::vector<std::shared_ptr<VMAttachmentTransferObject>> loaded;
   for (const Row& row : rows) {
     std::shared_ptr<HXFileAttachment> attachment = context_->loadAttachment(row.key);
@@ -263,6 +292,18 @@ std::shared_ptr<VMAttachmentTransferObject> SqliteTransferManager::registerTrans
     }
     path = folder / path.filename();
   }
+  if (operation_type == kTransferOperationDownload) {
+    // One download per attachment: a retrieval that failed before left its registration,
+    // which this one takes over.
+    if (auto existing = downloadOf(*attachment->attachmentUUID())) {
+      if (existing->attachmentPath() != path && !updatePath(*existing, path, error)) {
+        return nullptr;
+      }
+      existing->setDelegate(delegate ? *delegate : nullptr);
+      *transfer_path = path.string();
+      return existing;
+    }
+  }
   auto transfer = std::make_shared<VMAttachmentTransferObject>(
       attachment, delegate ? *delegate : nullptr, operation_type, *attachment->attachmentUUID());
   transfer->setAttachmentPath(path);
@@ -277,6 +318,37 @@ std::shared_ptr<VMAttachmentTransferObject> SqliteTransferManager::registerTrans
   }
   *transfer_path = path.string();
   return transfer;
+}
+
+std::shared_ptr<VMAttachmentTransferObject> SqliteTransferManager::downloadOf(
+    const std::string& attachment_id) {
+  std::lock_guard lock(mu_);
+  for (const auto& transfer : transfers_) {
+    if (transfer->operationType() == kTransferOperationDownload &&
+        transfer->attachmentID() == attachment_id) {
+      return transfer;
+    }
+  }
+  return nullptr;
+}
+
+bool SqliteTransferManager::updatePath(VMAttachmentTransferObject& transfer,
+                                       const std::filesystem::path& path, ErrorRef* error) {
+  if (!context_->performTransaction(
+          [&](SqliteDatabase& db, ErrorRef* e) {
+            auto update = db.prepare(
+                "UPDATE transfers SET path = ? WHERE attachmentID = ? AND operationType = ?", e);
+            if (!update) return false;
+            update->bindText(1, path.string());
+            update->bindText(2, transfer.attachmentID());
+            update->bindInt(3, static_cast<std::int64_t>(transfer.operationType()));
+            return update->run(e);
+          },
+          error)) {
+    return false;
+  }
+  transfer.setAttachmentPath(path);
+  return true;
 }
 
 bool SqliteTransferManager::registerDeleteForAttachment(
@@ -390,11 +462,29 @@ bool SqliteTransferManager::hasOwnFile(const VMAttachmentTransferObject& transfe
 void SqliteTransferManager::resumeTransfers(
     const std::vector<std::shared_ptr<VMAttachmentTransferObject>>& transfers,
     OutcomeHandler on_outcome, std::shared_ptr<HXFileAttachmentTransferDelegate> observer) {
+  std::set<std::filesystem::path> download_paths;
   for (const auto& transfer : transfers) {
+    // A scheme starts nothing for a type it does not know, so no outcome would ever come.
+    if (const std::uint64_t type = transfer->operationType(); type > kTransferOperationDelete) {
+      const auto& attachment = transfer->attachment();
+      on_outcome(transfer, RefusedError(fmt::format(
+                               "The transfer row of attachment {} ({}) has the unknown "
+                               "operation type {}.",
+                               attachment ? std::to_string(attachment->primaryKeyValue()) : "-",
+                               transfer->attachmentID(), type)));
+      continue;
+    }
     // A row from the database could name any file; a resumed upload would send it away
     // and a resumed download would write there.
     if (!hasOwnFile(*transfer)) {
       on_outcome(transfer, PosixError(EINVAL, transfer->attachmentPath()));
+      continue;
+    }
+    // Two downloads into one file would each remove and replace the other's bytes.
+    if (transfer->operationType() == kTransferOperationDownload &&
+        !download_paths.insert(transfer->attachmentPath().lexically_normal()).second) {
+      on_outcome(transfer, RefusedError(fmt::format("Another download of this run writes to {}.",
+                                                    transfer->attachmentPath().string())));
       continue;
     }
     ErrorRef error;

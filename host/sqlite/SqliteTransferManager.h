@@ -20,6 +20,9 @@ class SqliteObjectContext;
 // is moved into it under its own name (copied, flushed and renamed into place when it
 // comes from another file system).
 //
+// An attachment has at most one download: registering another takes over the one there
+// (its delegate, and its path when that changed), and load() drops later duplicate rows.
+//
 // Invariant: a transfer row never names a record that is not in the database. A transfer
 // of a record that has not been saved yet is kept in memory and its row is written by the
 // context's next saveChanges(), in the same transaction as the record; every other row is
@@ -59,8 +62,9 @@ class SqliteTransferManager : public VMAttachmentTransferManager {
   // Hands each transfer to the handler of its attachment's scheme (resumeTransfer) and
   // reports its outcome exactly once through `on_outcome`: from the thread on which the
   // handler reports (the main queue for the cloud scheme), or within this call when the
-  // transfer cannot be handed over (no handler, a handler that says no, or a transfer file
-  // outside the folders this host uses for transfers). `observer`, when not null, also
+  // transfer cannot be handed over (no handler, a handler that says no, an operation type
+  // other than upload, download and deletion, or a transfer file outside the folders this
+  // host uses for transfers). `observer`, when not null, also
   // receives every delegate message of these transfers. The transfers and the attachments
   // report to a delegate of the manager's until their outcome; the attachment's own
   // delegate is put back then.
@@ -90,6 +94,11 @@ class SqliteTransferManager : public VMAttachmentTransferManager {
   // Writes the row at once, or keeps it for the next saveChanges() when the record is not
   // saved yet; then adds the transfer to the collection.
   bool persistAndAdd(const std::shared_ptr<VMAttachmentTransferObject>& transfer, ErrorRef* error);
+  // The registered download of `attachment_id`, or null.
+  std::shared_ptr<VMAttachmentTransferObject> downloadOf(const std::string& attachment_id);
+  // Points the row and the object of `transfer` at `path`.
+  bool updatePath(VMAttachmentTransferObject& transfer, const std::filesystem::path& path,
+                  ErrorRef* error);
   // Whether `transfer`'s file lies where this host puts the files of its kind.
   bool hasOwnFile(const VMAttachmentTransferObject& transfer) const;
 

@@ -2,6 +2,7 @@
 #include <sys/stat.h>
 
 #include <cstdlib>
+#include <map>
 
 #include "host/HXFileAttachmentScheme.h"
 #include "host/HXFileAttachmentSchemeHandler.h"
@@ -258,6 +259,80 @@ TEST(SqliteTransferManagerTest, ResumeReportsEachTransfersOutcome) {
   }
   EXPECT_EQ(ScriptedHandler::resumed.load(), reaching);
   EXPECT_EQ(outcomes.at("uuid-4")->code(), EINVAL);
+}
+
+TEST(SqliteTransferManagerTest, AnAttachmentHasOneDownload) {
+  TempDir dir;
+  auto context = Open(dir / "data");
+  auto attachment = SavedAttachment(*context, "uuid-1");
+  const std::string path = (dir / "one" / "vmattachmentdownload").string();
+  auto first = Register(*context, attachment, path, false, kTransferOperationDownload);
+  auto again = Register(*context, attachment, path, false, kTransferOperationDownload);
+  EXPECT_EQ(again, first) << "a failed retrieval's registration is taken over";
+  const std::string moved = (dir / "two" / "vmattachmentdownload").string();
+  EXPECT_EQ(Register(*context, attachment, moved, false, kTransferOperationDownload), first);
+  EXPECT_EQ(first->attachmentPath(), moved);
+  ASSERT_TRUE(Register(*context, attachment, path, false, kTransferOperationUpload));
+  ErrorRef error;
+  // Rows an earlier version left: the same download registered twice more.
+  for (int i = 0; i < 2; ++i) {
+    ASSERT_TRUE(context->database().exec(
+        "INSERT INTO transfers (attachmentID, attachmentPK, operationType, path) "
+        "SELECT attachmentID, attachmentPK, operationType, path FROM transfers "
+        "WHERE operationType = 1",
+        &error));
+  }
+  context.reset();
+  context = Open(dir / "data");
+  auto transfers = context->attachmentTransferManager()->transferObjects();
+  ASSERT_EQ(transfers.size(), 2u);
+  EXPECT_EQ(transfers[0]->operationType(), kTransferOperationDownload);
+  EXPECT_EQ(transfers[0]->attachmentPath(), moved);
+  auto rows = context->database().prepare("SELECT count(*) FROM transfers", &error);
+  ASSERT_TRUE(rows && rows->step(&error));
+  EXPECT_EQ(rows->columnInt(0), 2) << "the duplicate rows are gone";
+}
+
+TEST(SqliteTransferManagerTest, ResumeRefusesWhatWouldNeverReportAtOnce) {
+  HXSchemeHandlerRegistry::shared().registerClass(
+      {ScriptedHandler::kClassName, "Scripted", false,
+       [](std::shared_ptr<HXFileAttachmentScheme> scheme) {
+         return std::make_shared<ScriptedHandler>(std::move(scheme));
+       }});
+  TempDir dir;
+  auto context = Open(dir / "data");
+  auto scheme = context->insertScheme("scripted", ScriptedHandler::kClassName);
+  std::vector<std::shared_ptr<VMAttachmentTransferObject>> transfers;
+  const std::filesystem::path download =
+      SqliteTransferManager::downloadFolder() / "sh" / "shared" / "vmattachmentdownload";
+  for (const char* uuid : {"first", "second"}) {
+    auto attachment = SavedAttachment(*context, uuid);
+    attachment->setName("finish");
+    attachment->setFileAttachmentScheme(scheme);
+    transfers.push_back(std::make_shared<VMAttachmentTransferObject>(
+        attachment, nullptr, kTransferOperationDownload, uuid));
+    transfers.back()->setAttachmentPath(download);
+  }
+  auto odd = SavedAttachment(*context, "odd");
+  odd->setName("finish");
+  odd->setFileAttachmentScheme(scheme);
+  transfers.push_back(std::make_shared<VMAttachmentTransferObject>(odd, nullptr, 7, "odd"));
+  std::map<std::string, ErrorRef> outcomes;
+  ScriptedHandler::resumed = 0;
+  static_cast<SqliteTransferManager*>(context->attachmentTransferManager())
+      ->resumeTransfers(transfers, [&](const auto& transfer, const ErrorRef& error) {
+        outcomes[transfer->attachmentID()] = error;
+      });
+  ASSERT_EQ(outcomes.size(), 3u) << "every outcome came within the call";
+  EXPECT_EQ(outcomes.at("first"), nullptr);
+  ASSERT_NE(outcomes.at("second"), nullptr) << "a second download into the same file";
+  ASSERT_NE(outcomes.at("odd"), nullptr);
+  EXPECT_NE(outcomes.at("odd")->localizedDescription().find(
+                "attachment " + std::to_string(odd->primaryKeyValue()) +
+                " (odd) has the unknown operation type 7"),
+            std::string::npos)
+      << outcomes.at("odd")->localizedDescription();
+  EXPECT_EQ(ScriptedHandler::resumed.load(), 1);
 }
 
 }  // namespace
