@@ -78,8 +78,11 @@ struct CachePass {
   AttachmentList still_missing;
   std::uint64_t recovered = 0;
 
+  bool cancelled() const { return options.cancelled && options.cancelled(); }
+
   // Runs on the main queue: the record is stored anew under a new identity.
   void store(const std::shared_ptr<HXFileAttachment>& record, const std::filesystem::path& copy) {
+    if (cancelled()) return;
     record->setUploaded(false);
     record->setTemporaryPath(copy.string());
     record->setAttachmentUUID(MakeUniqueID());
@@ -96,9 +99,11 @@ struct CachePass {
   // Runs on the pass's private queue.
   void run(const std::shared_ptr<CachePass>& self, std::shared_ptr<Operation> final_operation) {
     Log("Beginning file attachments recovery pass...");
-    UploadThrottle throttle(context->attachmentTransferManager(), options.sleep);
+    UploadThrottle throttle(context->attachmentTransferManager(), options.sleep,
+                            options.pending_uploads, options.cancelled);
     for (const std::shared_ptr<HXFileAttachment>& record : records) {
       throttle.waitForRoom();
+      if (cancelled()) break;
       std::optional<std::filesystem::path> copy =
           cache ? CachedCopyPath(*cache, *record) : std::nullopt;
       if (!copy || !FileExists(*copy)) {
@@ -115,6 +120,11 @@ struct CachePass {
 
   // Runs on the main queue, behind every store: the transfers pass, then the report.
   void finish(const std::shared_ptr<CachePass>& self) {
+    if (cancelled()) {
+      Log("Recovery pass cancelled");
+      if (options.abandoned) options.abandoned(PosixError(ECANCELED));
+      return;
+    }
     CloudAttachmentRecovery::recoverTransfersWithContext(
         context,
         [self](std::shared_ptr<AttachmentList> remaining) {

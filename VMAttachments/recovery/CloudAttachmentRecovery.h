@@ -35,6 +35,15 @@ struct RecoveryOptions {
   // Called once, on any thread, when a pass ends because a fetch failed. The completion is
   // deliberately never called then; this lets a caller that waits for it stop waiting.
   std::function<void(const ErrorRef&)> abandoned;
+  // How many uploads the throttle counts as pending. Empty: the transfer manager's upload
+  // transfers. A host that keeps failed uploads registered leaves those out here, or the
+  // throttle would wait for uploads that are not running. Called on the pass's own thread.
+  std::function<std::size_t()> pending_uploads;
+  // Asked before each record, between throttle waits and before the transfers pass; once it
+  // answers true the pass stores and queues nothing more and ends by calling `abandoned`
+  // with ECANCELED (POSIX domain) instead of the completion. A host that gives up on a pass
+  // waits for that call before it lets go of the context. Called on any thread.
+  std::function<bool()> cancelled;
 };
 
 // The recovery operations on attachment records: find cloud attachments whose bytes never
@@ -42,8 +51,9 @@ struct RecoveryOptions {
 // encrypted work file, and report what is left to the user.
 //
 // The context passed to the asynchronous passes must outlive them: until their completion
-// has run, or until `abandoned` was called. Records are written on the main queue only, so
-// the host must drain the main queue (MainQueue::shared()) while a pass runs.
+// has run, or until `abandoned` was called (RecoveryOptions::cancelled ends a pass early). Records
+// are written on the main queue only, so the host must drain the main queue (MainQueue::shared())
+// while a pass runs.
 class CloudAttachmentRecovery {
  public:
   // The UUIDs of this copy's cloud attachments that are not uploaded and have no upload

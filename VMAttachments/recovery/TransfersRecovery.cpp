@@ -166,6 +166,11 @@ void RunTransfersPass(HXObjectContext* context, FetchResults results, const Erro
   *remaining = records;
 
   for (const std::shared_ptr<HXFileAttachment>& record : records) {
+    if (options.cancelled && options.cancelled()) {
+      Log("Transfers recovery pass cancelled");
+      if (options.abandoned) options.abandoned(PosixError(ECANCELED));
+      return;
+    }
     std::optional<KeyedValue> stored =
         record->objectForKeyedSubscript(kHXFileAttachmentCryptedHash);
     const Bytes* stored_hash = stored ? std::get_if<Bytes>(&*stored) : nullptr;

@@ -22,12 +22,17 @@ class UploadThrottle {
   static constexpr int kWaitsPerLogLine = 10;
 
   using SleepFunction = std::function<void(std::chrono::microseconds)>;
+  using CountFunction = std::function<std::size_t()>;
+  using StopFunction = std::function<bool()>;
 
-  // An empty `sleep` sleeps the calling thread.
-  UploadThrottle(VMAttachmentTransferManager* manager, SleepFunction sleep);
+  // An empty `sleep` sleeps the calling thread. A non-empty `pending` replaces the count of
+  // the manager's upload transfers; a non-empty `stop` ends the waiting early when true.
+  UploadThrottle(VMAttachmentTransferManager* manager, SleepFunction sleep,
+                 CountFunction pending = {}, StopFunction stop = {});
 
   // Returns once at most kMaxPendingUploads uploads are pending (at once when the manager
-  // is null); the result is the number of waits.
+  // is null and no count was given), or once `stop` answers true; the result is the number
+  // of waits.
   int waitForRoom();
 
  private:
@@ -35,6 +40,8 @@ class UploadThrottle {
 
   VMAttachmentTransferManager* const manager_;
   const SleepFunction sleep_;
+  const CountFunction pending_;
+  const StopFunction stop_;
 };
 
 }  // namespace vm

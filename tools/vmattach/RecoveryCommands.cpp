@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <iostream>
 #include <mutex>
 #include <nlohmann/json.hpp>
@@ -25,6 +26,8 @@ using Clock = std::chrono::steady_clock;
 // How often the tool looks for uploads the pass queued, so that they run while the pass
 // goes on: its throttle waits for pending uploads to finish.
 constexpr auto kHandOverInterval = std::chrono::milliseconds(100);
+// How long a pass that is asked to stop is given to end.
+constexpr auto kCancelGrace = std::chrono::seconds(30);
 
 void PrintJSON(const nlohmann::json& value) { std::cout << value.dump(2) << "\n"; }
 
@@ -188,58 +191,105 @@ int RunDefaultsDelete(const GlobalOptions& options, const DefaultsArguments& arg
 
 // --- recover ---
 
-// Runs the uploads a recovery pass queues and counts their outcomes. Main thread only.
+// Hands a recovery's uploads to their scheme while the pass runs, as a desktop host's
+// transfer manager does, and counts their outcomes: the uploads earlier runs left
+// registered at the first call, then those the pass queues. The pass's throttle counts
+// what is still running (an upload that failed again stays registered but is done), and
+// its waits end as soon as an upload reports. handOverNewUploads() on the main thread
+// only; the rest is thread-safe. The state the scheme's reports reach is shared with
+// them, so a report that comes after the runner is gone touches nothing freed.
 class UploadRunner {
  public:
   UploadRunner(SqliteObjectContext& context, SqliteTransferManager& manager)
-      : context_(context), manager_(manager) {
-    for (const auto& transfer : manager_.transfersForOperationType(kTransferOperationUpload)) {
-      known_.insert(transfer.get());
-    }
-  }
+      : context_(context), manager_(manager), state_(std::make_shared<State>()) {}
 
   // Saves what the pass changed, so that every queued upload has its row, and hands the
-  // uploads that appeared since the last call to their scheme.
+  // uploads not handed yet to their scheme.
   void handOverNewUploads() {
     std::vector<std::shared_ptr<VMAttachmentTransferObject>> fresh;
     for (const auto& transfer : manager_.transfersForOperationType(kTransferOperationUpload)) {
-      if (known_.insert(transfer.get()).second) fresh.push_back(transfer);
+      if (handed_.insert(transfer).second) fresh.push_back(transfer);
     }
     if (fresh.empty()) return;
     ErrorRef error;
-    if (!context_.saveChanges(&error)) recordFailure(error);
-    handed_ += fresh.size();
-    manager_.resumeTransfers(
-        fresh, [this](const std::shared_ptr<VMAttachmentTransferObject>&, const ErrorRef& outcome) {
-          if (outcome) recordFailure(outcome);
-          ++outcomes_;
-        });
+    if (!context_.saveChanges(&error)) state_->record(nullptr, error);
+    state_->handed += fresh.size();
+    manager_.resumeTransfers(fresh,
+                             [state = state_](const auto& transfer, const ErrorRef& outcome) {
+                               state->record(outcome ? transfer : nullptr, outcome, true);
+                             });
   }
 
-  bool allDone() const { return outcomes_.load() == handed_; }
-  std::size_t handed() const { return handed_; }
-  ErrorRef firstFailure() const {
-    std::lock_guard lock(mu_);
-    return failure_;
+  // The uploads still running: registered, and not failed in this run.
+  std::size_t pendingUploads() const {
+    std::size_t pending = 0;
+    for (const auto& transfer : manager_.transfersForOperationType(kTransferOperationUpload)) {
+      if (!state_->hasFailed(transfer)) ++pending;
+    }
+    return pending;
   }
-  std::size_t failures() const { return failures_.load(); }
+
+  // Sleeps up to `duration`, or until an upload reports or wake() is called.
+  void waitForChange(std::chrono::microseconds duration) const { state_->waitForChange(duration); }
+  void wake() const { state_->notify(); }
+
+  bool allDone() const { return state_->outcomes.load() == state_->handed.load(); }
+  std::size_t handed() const { return state_->handed.load(); }
+  std::size_t failures() const { return state_->failures.load(); }
+  ErrorRef firstFailure() const {
+    std::lock_guard lock(state_->mu);
+    return state_->failure;
+  }
 
  private:
-  void recordFailure(const ErrorRef& error) {
-    ++failures_;
-    std::lock_guard lock(mu_);
-    if (!failure_) failure_ = error;
-  }
+  struct State {
+    std::atomic<std::size_t> handed{0};
+    std::atomic<std::size_t> outcomes{0};
+    std::atomic<std::size_t> failures{0};
+    mutable std::mutex mu;
+    std::condition_variable cv;
+    std::uint64_t changes = 0;
+    ErrorRef failure;
+    std::set<std::shared_ptr<VMAttachmentTransferObject>> failed;
+
+    // One upload's outcome (`is_outcome`), or a failure of the tool's own (a save).
+    void record(const std::shared_ptr<VMAttachmentTransferObject>& transfer, const ErrorRef& error,
+                bool is_outcome = false) {
+      {
+        std::lock_guard lock(mu);
+        if (error) {
+          ++failures;
+          if (!failure) failure = error;
+          if (transfer) failed.insert(transfer);
+        }
+        if (is_outcome) ++outcomes;
+        ++changes;
+      }
+      cv.notify_all();
+    }
+    bool hasFailed(const std::shared_ptr<VMAttachmentTransferObject>& transfer) const {
+      std::lock_guard lock(mu);
+      return failed.contains(transfer);
+    }
+    void notify() {
+      {
+        std::lock_guard lock(mu);
+        ++changes;
+      }
+      cv.notify_all();
+    }
+    void waitForChange(std::chrono::microseconds duration) {
+      std::unique_lock lock(mu);
+      const std::uint64_t seen = changes;
+      cv.wait_for(lock, duration, [&] { return changes != seen; });
+    }
+  };
 
   SqliteObjectContext& context_;
   SqliteTransferManager& manager_;
-  // Transfers seen already, by identity (the manager keeps them alive while listed).
-  std::set<const VMAttachmentTransferObject*> known_;
-  std::size_t handed_ = 0;
-  std::atomic<std::size_t> outcomes_{0};
-  std::atomic<std::size_t> failures_{0};
-  mutable std::mutex mu_;
-  ErrorRef failure_;
+  const std::shared_ptr<State> state_;
+  // Every upload handed over, kept alive so that their identities stay unique.
+  std::set<std::shared_ptr<VMAttachmentTransferObject>> handed_;
 };
 
 std::vector<std::uint64_t> Ids(const std::shared_ptr<AttachmentList>& list) {
@@ -257,11 +307,16 @@ int RunRecover(const GlobalOptions& options, int timeout_seconds) {
   auto* manager = dynamic_cast<SqliteTransferManager*>(context->attachmentTransferManager());
   if (manager == nullptr) return ReportFailure("the data folder has no transfer manager");
   ReclaimAbandonedFiles(*context);
-  UploadRunner uploads(*context, *manager);
+  // Shared with the pass, which may outlive this function when it will not stop.
+  auto uploads = std::make_shared<UploadRunner>(*context, *manager);
+  // The uploads earlier runs left registered run beside the pass: its throttle waits for
+  // them.
+  uploads->handOverNewUploads();
 
   struct Outcome {
     std::atomic<bool> finished{false};
     std::atomic<bool> abandoned{false};
+    std::atomic<bool> cancelled{false};
     ErrorRef abandon_error;
     std::uint64_t recovered = 0;
     std::shared_ptr<AttachmentList> unrecovered;
@@ -273,6 +328,11 @@ int RunRecover(const GlobalOptions& options, int timeout_seconds) {
     outcome->abandon_error = e;
     outcome->abandoned = true;
   };
+  recovery_options.sleep = [uploads](std::chrono::microseconds duration) {
+    uploads->waitForChange(duration);
+  };
+  recovery_options.pending_uploads = [uploads] { return uploads->pendingUploads(); };
+  recovery_options.cancelled = [outcome] { return outcome->cancelled.load(); };
   CloudAttachmentRecovery::recoverCloudAttachmentsWithContext(
       context.get(),
       [outcome](std::uint64_t recovered, std::uint64_t, std::shared_ptr<AttachmentList> unrecovered,
@@ -284,20 +344,30 @@ int RunRecover(const GlobalOptions& options, int timeout_seconds) {
       },
       recovery_options);
 
-  const Clock::time_point deadline = Clock::now() + std::chrono::seconds(timeout_seconds);
-  auto wait = [&](const std::function<bool()>& done) {
-    while (!done() && Clock::now() < deadline) {
-      MainQueue::shared().runUntil(std::min(deadline, Clock::now() + kHandOverInterval));
-      uploads.handOverNewUploads();
+  auto wait = [&](const std::function<bool()>& done, Clock::time_point until) {
+    while (!done() && Clock::now() < until) {
+      MainQueue::shared().runUntil(std::min(until, Clock::now() + kHandOverInterval));
+      uploads->handOverNewUploads();
     }
     return done();
   };
-  if (!wait([&] { return outcome->finished.load() || outcome->abandoned.load(); })) {
+  auto pass_ended = [&] { return outcome->finished.load() || outcome->abandoned.load(); };
+  const Clock::time_point deadline = Clock::now() + std::chrono::seconds(timeout_seconds);
+  if (!wait(pass_ended, deadline)) {
+    // The pass uses the context (and the runner) until it ends: it is asked to stop and
+    // given the time to, since it stops at its next step.
+    outcome->cancelled = true;
+    uploads->wake();
+    if (!wait(pass_ended, Clock::now() + kCancelGrace)) {
+      // Never freed under a pass still running; the process ends right after.
+      static std::vector<std::unique_ptr<SqliteObjectContext>> kept_alive;
+      kept_alive.push_back(std::move(context));
+    }
     return ReportFailure(fmt::format("recovery did not finish within {} seconds", timeout_seconds));
   }
   if (outcome->abandoned) return ReportFailure(outcome->abandon_error);
-  uploads.handOverNewUploads();
-  if (!wait([&] { return uploads.allDone(); })) {
+  uploads->handOverNewUploads();
+  if (!wait([&] { return uploads->allDone(); }, deadline)) {
     return ReportFailure(
         fmt::format("the queued uploads did not finish within {} seconds", timeout_seconds));
   }
@@ -324,7 +394,7 @@ int RunRecover(const GlobalOptions& options, int timeout_seconds) {
                {"unrecovered", unrecovered.size()},
                {"unrecoveredIds", unrecovered},
                {"emailLinkedIds", with_emails},
-               {"uploads", {{"queued", uploads.handed()}, {"failed", uploads.failures()}}},
+               {"uploads", {{"queued", uploads->handed()}, {"failed", uploads->failures()}}},
                {"task", task ? TaskToJSON(*task) : nlohmann::json(nullptr)}});
   } else {
     fmt::print("recovered: {}\nunrecovered: {}\n", outcome->recovered, unrecovered.size());
@@ -332,15 +402,15 @@ int RunRecover(const GlobalOptions& options, int timeout_seconds) {
     if (!with_emails.empty()) {
       fmt::print("linked to e-mails: {}\n", fmt::join(with_emails, ", "));
     }
-    fmt::print("uploads queued: {}, failed: {}\n", uploads.handed(), uploads.failures());
+    fmt::print("uploads queued: {}, failed: {}\n", uploads->handed(), uploads->failures());
     if (task) PrintTaskText(*task);
   }
-  if (uploads.failures() != 0) {
+  if (uploads->failures() != 0) {
     fmt::print(stderr,
                "vmattach: {} of the queued uploads failed; they stay registered: run "
                "`vmattach transfers resume` once the service is reachable\n",
-               uploads.failures());
-    return ReportFailure(uploads.firstFailure());
+               uploads->failures());
+    return ReportFailure(uploads->firstFailure());
   }
   return 0;
 }

@@ -216,6 +216,53 @@ TEST(UploadThrottleTest, WaitsInStepsWhileMoreThanTenUploadsArePending) {
   }
 }
 
+TEST(UploadThrottleTest, AHostsOwnCountReplacesTheManagersAndStopEndsTheWait) {
+  // Without a manager: only the count given says anything is pending.
+  std::size_t pending = 12;
+  int waits = 0;
+  UploadThrottle counted(
+      nullptr, [&](std::chrono::microseconds) { ++waits, --pending; }, [&] { return pending; });
+  EXPECT_EQ(counted.waitForRoom(), 2);
+  bool stop = false;
+  pending = 50;
+  UploadThrottle stopped(
+      nullptr, [&](std::chrono::microseconds) { stop = ++waits == 5; }, [&] { return pending; },
+      [&] { return stop; });
+  EXPECT_EQ(stopped.waitForRoom(), 3) << "no wait after stop said so";
+}
+
+TEST_F(CloudAttachmentRecoveryTest, ACancelledPassStoresNothingMoreAndEndsAbandoned) {
+  for (const char* uuid : {"one", "two", "three"}) {
+    auto record = addAttachment(uuid, false, "file.txt");
+    save();
+    putInCache(*record, "bytes");
+  }
+  std::atomic<bool> cancelled{false};
+  std::atomic<bool> abandoned{false};
+  ErrorRef reason;
+  bool completed = false;
+  RecoveryOptions options;
+  // The first store's pause is where the host gives up.
+  options.sleep = [&](std::chrono::microseconds) { cancelled = true; };
+  options.cancelled = [&] { return cancelled.load(); };
+  options.abandoned = [&](const ErrorRef& e) {
+    reason = e;
+    abandoned = true;
+  };
+  CloudAttachmentRecovery::recoverCloudAttachmentsWithContext(
+      context_.get(),
+      [&](std::uint64_t, std::uint64_t, std::shared_ptr<AttachmentList>,
+          std::shared_ptr<AttachmentList>) { completed = true; },
+      options);
+  ASSERT_TRUE(runMainQueueUntil([&] { return abandoned.load(); }));
+  MainQueue::shared().drainPending();
+  EXPECT_FALSE(completed);
+  ASSERT_TRUE(reason);
+  EXPECT_EQ(reason->code(), ECANCELED);
+  EXPECT_TRUE(FakeCloudHandler::stored.empty()) << "the store queued before the stop is skipped";
+  EXPECT_EQ(countMessagesStartingWith("Starting transfers recovery pass"), 0);
+}
+
 TEST_F(CloudAttachmentRecoveryTest, NothingMissingCompletesAtOnceWithNothing) {
   addAttachment("done", true);
   save();

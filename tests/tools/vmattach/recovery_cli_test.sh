@@ -48,6 +48,16 @@ for scenario in cached workfile wrongkey neither; do
   # The registration is lost; the work file stays where it was.
   sqlite3 "$data/attachments.sqlite" "DELETE FROM transfers"
 done
+# Twelve uploads that failed while the service was down stay registered beside a lost one:
+# more than the ten the recovery's throttle lets wait.
+data="$work/crowd"
+"$vmattach" --data-dir "$data" scheme add cloud --type cloud \
+  --api "http://127.0.0.1:$port" --token sekrit >/dev/null
+for n in $(seq 13); do
+  head -c 20000 /dev/urandom >"$work/crowd-$n.bin"
+  "$vmattach" --data-dir "$data" store "$work/crowd-$n.bin" --scheme cloud >/dev/null 2>&1
+done
+sqlite3 "$data/attachments.sqlite" "DELETE FROM transfers WHERE id = (SELECT min(id) FROM transfers)"
 start_service "$port"
 
 id_of() { "$vmattach" --data-dir "$1" list --json | sed -n 's/.*"id": \([0-9]*\).*/\1/p'; }
@@ -115,6 +125,21 @@ check "neither: the task is linked to the attachment" \
   grep -A2 '"attachments"' "$work/tasks" | grep -q "$id"
 "$vmattach" --data-dir "$data" tasks >"$work/tasks.txt"
 check "neither: tasks lists it as text" grep -q 'Re-add Files to Velmora' "$work/tasks.txt"
+
+# The registered uploads run beside the pass, so its throttle sees them finish at once
+# rather than waiting in 15-second steps.
+data="$work/crowd"
+check "crowd: twelve uploads registered" test "$("$vmattach" --data-dir "$data" transfers | wc -l)" = 12
+started=$(date +%s)
+VM_LOG_LEVEL=info "$vmattach" --data-dir "$data" recover --json --timeout 120 >"$work/out" 2>"$work/err"
+rc=$?
+check "crowd: recover succeeds" test "$rc" -eq 0
+check "crowd: promptly" test $(($(date +%s) - started)) -lt 30
+check "crowd: the lost one recovered" test "$(json_number recovered "$work/out")" = 1
+check "crowd: all thirteen uploads ran" grep -q '"queued": 13' "$work/out"
+check "crowd: all thirteen uploaded" \
+  test "$("$vmattach" --data-dir "$data" list --json | grep -c '"uploaded": true')" = 13
+check "crowd: nothing left registered" test -z "$("$vmattach" --data-dir "$data" transfers)"
 
 # The user defaults that steer the detection, set by hand.
 data="$work/neither"
