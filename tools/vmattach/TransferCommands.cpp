@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <iostream>
 #include <map>
@@ -192,6 +193,63 @@ void ReclaimAside(const fs::path& aside) {
   }
 }
 
+// Sets an attachment's cached copy aside while a download fills its cache folder, so that
+// the download is the only item there and never meets the older copy. A failed download's
+// leftovers go and the older copy comes back; a finished one lets the older copy go. The
+// copy set aside carries this process's OwnerLock until then, so that no other process
+// takes it for abandoned (ReclaimAside puts back one whose process died).
+class CachedCopySetAside {
+ public:
+  // Sets the copy at `cached` aside, if there is one. False with `*error` when an earlier
+  // copy set aside is still owned by a live process, or this one cannot be locked.
+  bool setAside(const fs::path& cached, ErrorRef* error) {
+    cached_ = cached;
+    aside_ = AsidePathFor(cached);
+    if (!RemoveIfAbandoned(aside_)) return Fail(error, PosixError(EBUSY, aside_));
+    std::error_code ec;
+    existed_ = fs::exists(fs::symlink_status(cached_, ec));
+    if (existed_) {
+      lock_ = OwnerLock::Hold(cached_, error);
+      if (!lock_.held()) return false;
+      set_aside_ = (fs::rename(cached_, aside_, ec), !ec);
+      // The older copy only matters if the download fails.
+      if (set_aside_) ReleaseCachedPages(aside_);
+    }
+    active_ = true;
+    return true;
+  }
+
+  // The download failed: what it left in the cache folder goes (a decrypted copy under a
+  // name of its own among it), and the older copy is put back.
+  void restore() {
+    if (!active_) return;
+    active_ = false;
+    std::error_code ignored;
+    if (set_aside_ || !existed_) fs::remove_all(cached_, ignored);
+    if (set_aside_) fs::rename(aside_, cached_, ignored);
+  }
+
+  // The download finished: the older copy goes. Freeing a large file's blocks takes a
+  // while, so it is done on the thread returned (joined when it goes).
+  std::jthread drop() {
+    if (!active_ || !set_aside_) return {};
+    active_ = false;
+    return std::jthread([aside = aside_, lock = std::move(lock_)] {
+      std::error_code ignored;
+      fs::remove_all(aside, ignored);
+    });
+  }
+
+ private:
+  fs::path cached_;
+  fs::path aside_;
+  OwnerLock lock_;
+  bool existed_ = false;
+  bool set_aside_ = false;
+  // Set aside, and neither put back nor dropped yet.
+  bool active_ = false;
+};
+
 int RunList(const GlobalOptions& options) {
   ErrorRef error;
   auto context = OpenHost(options, &error);
@@ -243,8 +301,41 @@ int RunResume(const GlobalOptions& options, std::uint64_t id) {
   if (id != 0 && transfers.empty()) {
     return ReportFailure(fmt::format("no transfer for attachment {}", id));
   }
+  // A resumed download decrypts into the attachment's cache folder, where an older copy
+  // would make it fail; one whose older copy cannot be set aside is not resumed.
+  std::map<const VMAttachmentTransferObject*, CachedCopySetAside> set_aside;
+  TransferList resumed;
+  std::vector<Outcome> refused;
+  for (const auto& transfer : transfers) {
+    const fs::path cached =
+        transfer->operationType() == kTransferOperationDownload && transfer->attachment()
+            ? CacheFolder(*transfer->attachment())
+            : fs::path();
+    ErrorRef aside_error;
+    if (!cached.empty() && !set_aside[transfer.get()].setAside(cached, &aside_error)) {
+      refused.push_back({transfer, aside_error});
+      continue;
+    }
+    resumed.push_back(transfer);
+  }
   std::vector<Outcome> outcomes =
-      ResumeAndWait(*context, transfers, fmt::format("{} transfer(s)", transfers.size()), nullptr);
+      ResumeAndWait(*context, resumed, fmt::format("{} transfer(s)", resumed.size()), nullptr);
+  outcomes.insert(outcomes.end(), refused.begin(), refused.end());
+  std::vector<std::jthread> dropping;
+  for (const Outcome& outcome : outcomes) {
+    auto it = set_aside.find(outcome.transfer.get());
+    if (it == set_aside.end()) continue;
+    if (outcome.error) {
+      it->second.restore();
+    } else {
+      dropping.push_back(it->second.drop());
+    }
+  }
+  const TransferList still_registered = TransfersOf(*context, 0);
+  auto registered = [&](const std::shared_ptr<VMAttachmentTransferObject>& transfer) {
+    return std::find(still_registered.begin(), still_registered.end(), transfer) !=
+           still_registered.end();
+  };
   int exit_code = 0;
   nlohmann::json out = nlohmann::json::array();
   for (const Outcome& outcome : outcomes) {
@@ -266,7 +357,17 @@ int RunResume(const GlobalOptions& options, std::uint64_t id) {
     }
     if (failure) {
       exit_code = ReportFailure(failure);
-      ReportFailure(ResumeHint(key));
+      // A download whose bytes could not be saved is given up by the scheme.
+      if (registered(transfer)) {
+        ReportFailure(ResumeHint(key));
+      } else if (key != 0 && transfer->operationType() == kTransferOperationDownload) {
+        ReportFailure(
+            fmt::format("the transfer is no longer registered; retrieve the attachment again with: "
+                        "vmattach retrieve {} --to DIR",
+                        key));
+      } else {
+        ReportFailure("the transfer is no longer registered");
+      }
     }
   }
   // A resumed download leaves the scheme's emptied decryption folder behind.
@@ -468,24 +569,9 @@ int RetrieveAndCopy(SqliteObjectContext& context,
   if (cached.empty()) return ReportFailure("no attachment cache");
   // The scheme downloads into the cache folder; an older copy is set aside so that the
   // result is the only item there, and comes back if the download fails.
-  const fs::path aside = AsidePathFor(cached);
-  if (!RemoveIfAbandoned(aside)) return ReportFailure(PosixError(EBUSY, aside));
-  // The copy set aside is this process's until the retrieval ends: locked before it is
-  // renamed, so that no other process takes it for abandoned.
-  OwnerLock aside_lock;
-  if (fs::exists(fs::symlink_status(cached, ec))) {
-    aside_lock = OwnerLock::Hold(cached, &error);
-    if (!aside_lock.held()) return ReportFailure(error);
-  }
-  bool set_aside = aside_lock.held() && (fs::rename(cached, aside, ec), !ec);
-  // The older copy only matters if the download fails.
-  if (set_aside) ReleaseCachedPages(aside);
-  auto restore = [&] {
-    if (!set_aside) return;
-    std::error_code ignored;
-    fs::remove_all(cached, ignored);
-    fs::rename(aside, cached, ignored);
-  };
+  CachedCopySetAside set_aside;
+  if (!set_aside.setAside(cached, &error)) return ReportFailure(error);
+  auto restore = [&] { set_aside.restore(); };
 
   auto delegate = std::make_shared<CommandDelegate>("retrieve");
   attachment->setDelegate(delegate);
@@ -514,15 +600,8 @@ int RetrieveAndCopy(SqliteObjectContext& context,
     }
   }
   if (result.empty()) return ReportFailure("the retrieved copy is not in the cache");
-  // The older copy is no longer needed; freeing a large file's blocks takes a while, so it
-  // is done beside the copy out.
-  std::jthread remove_aside;
-  if (set_aside) {
-    remove_aside = std::jthread([aside] {
-      std::error_code ignored;
-      fs::remove_all(aside, ignored);
-    });
-  }
+  // The older copy is no longer needed; it goes beside the copy out.
+  std::jthread remove_aside = set_aside.drop();
   // Flushed before it takes its name, so that a crash after "finished" never leaves a
   // short file under the name, nor with --replace a short file in place of the one it
   // replaced.

@@ -3,14 +3,16 @@
 // start before the server it fronts), holds the client-to-server direction to the rate in
 // RATE_FILE (bytes per second, read per chunk; 0 or missing: no limit) and keeps the count
 // of bytes sent upstream in COUNT_FILE; with DOWN_RATE_FILE, holds the other direction to
-// the rate in it the same way. Prints "listening on 127.0.0.1:PORT".
+// the rate in it the same way. With CUT_FILE, a connection whose answer passes the number
+// of bytes written there (0 or missing: never) is cut after that many, as a storage
+// provider that goes away mid-download. Prints "listening on 127.0.0.1:PORT".
 //
-// usage: node throttle_proxy.js TARGET_FILE RATE_FILE COUNT_FILE [DOWN_RATE_FILE]
+// usage: node throttle_proxy.js TARGET_FILE RATE_FILE COUNT_FILE [DOWN_RATE_FILE [CUT_FILE]]
 'use strict';
 const fs = require('fs');
 const net = require('net');
 
-const [targetFile, rateFile, countFile, downRateFile] = process.argv.slice(2);
+const [targetFile, rateFile, countFile, downRateFile, cutFile] = process.argv.slice(2);
 let forwarded = 0;
 
 function readRate(file = rateFile) {
@@ -33,10 +35,18 @@ const server = net.createServer((client) => {
   upstream.on('error', close);
   upstream.on('close', () => client.destroy());
   client.on('end', () => upstream.end());
-  if (!downRateFile) {
+  const cut = readRate(cutFile);
+  let answered = 0;
+  if (!downRateFile && !cut) {
     upstream.pipe(client);
   } else {
     upstream.on('data', (chunk) => {
+      if (cut > 0 && answered + chunk.length >= cut) {
+        client.end(chunk.subarray(0, cut - answered));
+        upstream.destroy();
+        return;
+      }
+      answered += chunk.length;
       const rate = readRate(downRateFile);
       if (!client.write(chunk) || rate > 0) upstream.pause();
       const delay = rate > 0 ? (chunk.length * 1000) / rate : 0;
