@@ -16,4 +16,8 @@ if(DOXYGEN_FOUND)
   doxygen_add_docs(docs ${vm_public_headers}
     WORKING_DIRECTORY ${PROJECT_SOURCE_DIR}
     COMMENT "API documentation of the installed headers")
+else()
+  add_custom_target(docs
+    COMMAND ${CMAKE_COMMAND} -E echo "docs: Doxygen is missing (scripts/install-deps.sh docs)"
+    COMMAND ${CMAKE_COMMAND} -E false)
 endif()

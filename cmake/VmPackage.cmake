@@ -88,6 +88,8 @@ set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME vmattachments)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SHLIBDEPS ON)
+# The share schemes mount through rclone over FUSE and read sftp host keys with ssh-keyscan.
+set(CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS "rclone, fuse3, openssh-client")
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION
     "Attachment storage tools\n vmattach stores and retrieves attachments; vmcloudd is the reference attachment service.")
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME vmattachments-dev)
