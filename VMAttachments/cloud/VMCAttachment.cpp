@@ -62,6 +62,25 @@ ErrorRef ProcessingError(std::string_view description, ErrorRef underlying = nul
                                 std::move(underlying));
 }
 
+// Makes everything under `root` the owner's alone, as a retrieved single file is: folders
+// 0700, files 0600. The stored modes are not kept, and what was private must not come back
+// readable by others. Links (which unpacking never makes) are left alone.
+std::error_code MakeTreeOwnerOnly(const fs::path& root) {
+  std::error_code ec;
+  for (auto it = fs::recursive_directory_iterator(root, ec);
+       !ec && it != fs::recursive_directory_iterator(); it.increment(ec)) {
+    const fs::file_status status = it->symlink_status(ec);
+    if (ec) break;
+    if (fs::is_directory(status)) {
+      fs::permissions(it->path(), fs::perms::owner_all, ec);
+    } else if (fs::is_regular_file(status)) {
+      fs::permissions(it->path(), fs::perms::owner_read | fs::perms::owner_write, ec);
+    }
+    if (ec) break;
+  }
+  return ec;
+}
+
 // One SHA-1 digest in progress.
 class Sha1 {
  public:
@@ -564,6 +583,8 @@ bool VMCAttachment::saveDownloadedAttachment(const std::shared_ptr<HXFileAttachm
   } else if (*storage_type == kStorageTypeArchive) {
     std::error_code folder_error;
     fs::create_directories(to_cache_url, folder_error);
+    // Closed to others before anything is unpacked into it.
+    if (!folder_error) fs::permissions(to_cache_url, fs::perms::owner_all, folder_error);
     if (folder_error) {
       save_error = Error::WithDescription(
           kVMFileAttachmentDomain, kCacheFolderErrorCode,
@@ -573,6 +594,9 @@ bool VMCAttachment::saveDownloadedAttachment(const std::shared_ptr<HXFileAttachm
       ErrorRef unpack_error;
       if (VMArchiver::unpackFilesFromArchive(work_url, to_cache_url, &unpack_error) == 0) {
         save_error = ProcessingError("Failed to extract attachment to cache folder", unpack_error);
+      } else if (std::error_code mode_error = MakeTreeOwnerOnly(to_cache_url)) {
+        save_error = ProcessingError("Failed to extract attachment to cache folder",
+                                     PosixError(mode_error, to_cache_url));
       } else {
         saved = true;
       }

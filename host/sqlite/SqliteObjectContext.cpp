@@ -14,11 +14,11 @@
 #include "host/HXRecord.h"
 #include "host/HostConstants.h"
 #include "host/sqlite/JsonFileUserDefaults.h"
-#include "host/sqlite/PrivateDataFolder.h"
 #include "host/sqlite/SqliteAttachmentCache.h"
 #include "host/sqlite/SqliteSchema.h"
 #include "host/sqlite/SqliteTransferManager.h"
 #include "platform/DispatchQueue.h"
+#include "platform/PrivateDataFolder.h"
 #include "platform/UniqueID.h"
 
 namespace vm {

@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 
 #include "platform/Log.h"
+#include "platform/PrivateDataFolder.h"
 #include "platform/UniqueID.h"
 #include "services/vmcloudd/AttachmentRecords.h"
 #include "services/vmcloudd/EmbeddedBlobStorage.h"
@@ -461,17 +462,29 @@ std::unique_ptr<AttachmentService> AttachmentService::Create(AttachmentServiceOp
   }
   if (!options.clock) options.clock = [] { return std::chrono::system_clock::now(); };
 
-  std::error_code ec;
-  fs::create_directories(options.data_dir, ec);
-  if (ec) {
-    Fail(error, BadSetting(fmt::format("Cannot make the data folder {}: {}",
-                                       options.data_dir.string(), ec.message())));
+  // The records name every attachment of every user: the data folder is the owner's
+  // alone, and a records file is created 0600 before SQLite opens it, so that its
+  // journals get the same mode. Wider ones left by an older version are tightened.
+  const std::string database = options.database.empty()
+                                   ? (options.data_dir / "attachments.sqlite").string()
+                                   : options.database;
+  const bool in_file =
+      !database.starts_with("postgresql://") && !database.starts_with("postgres://");
+  std::vector<fs::path> private_files;
+  if (in_file) private_files.emplace_back(database);
+  std::vector<std::string> notices;
+  if (ErrorRef refused = MakeDataFolderPrivate(options.data_dir, private_files, &notices,
+                                               "the attachments' records")) {
+    Fail(error, BadSetting(fmt::format("Cannot make the data folder {} private: {}",
+                                       options.data_dir.string(), refused->summary())));
     return nullptr;
   }
-  auto records = AttachmentRecords::Open(options.database.empty()
-                                             ? (options.data_dir / "attachments.sqlite").string()
-                                             : options.database,
-                                         error);
+  if (in_file) {
+    for (const char* journal : {"-wal", "-shm", "-journal"}) {
+      TightenPrivateFile(database + journal, &notices, "the attachments' records");
+    }
+  }
+  auto records = AttachmentRecords::Open(database, error);
   if (!records) return nullptr;
 
   std::unique_ptr<StorageProvider> storage;
@@ -497,8 +510,10 @@ std::unique_ptr<AttachmentService> AttachmentService::Create(AttachmentServiceOp
     }
     embedded->setSigningKey(std::move(key));
   }
-  return std::unique_ptr<AttachmentService>(new AttachmentService(std::make_unique<Impl>(
+  std::unique_ptr<AttachmentService> service(new AttachmentService(std::make_unique<Impl>(
       std::move(options), std::move(records), std::move(storage), embedded)));
+  service->notices_ = std::move(notices);
+  return service;
 }
 
 AttachmentService::AttachmentService(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}

@@ -95,10 +95,15 @@ class AttachmentService {
   // "http://127.0.0.1:PORT" (or https), the address clients should use.
   std::string baseURL() const;
 
+  // What Create() tightened (a data folder or records file others could read), one
+  // sentence each, for the operator.
+  const std::vector<std::string>& openNotices() const { return notices_; }
+
  private:
   class Impl;
   explicit AttachmentService(std::unique_ptr<Impl> impl);
   std::unique_ptr<Impl> impl_;
+  std::vector<std::string> notices_;
 };
 
 }  // namespace vm

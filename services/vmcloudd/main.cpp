@@ -8,6 +8,7 @@
 #include <iostream>
 
 #include "platform/Log.h"
+#include "platform/SafeNames.h"
 #include "services/vmcloudd/AttachmentService.h"
 
 namespace {
@@ -132,6 +133,9 @@ int main(int argc, char** argv) {
   if (!service || !service->start(&error)) {
     std::cerr << "vmcloudd: " << error->summary() << "\n";
     return 1;
+  }
+  for (const std::string& notice : service->openNotices()) {
+    std::cerr << "vmcloudd: " << vm::EscapeControlCharacters(notice) << "\n";
   }
   std::string address = service->baseURL();
   address = address.substr(address.find("://") + 3);
