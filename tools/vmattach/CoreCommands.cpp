@@ -3,8 +3,11 @@
 #include <fmt/format.h>
 #include <sys/stat.h>
 
+#include <cstdlib>
+#include <fstream>
 #include <iostream>
 #include <nlohmann/json.hpp>
+#include <sstream>
 
 #include "VMAttachments/schemes/ShareSchemes.h"
 #include "VMAttachments/schemes/VMAFPAttachment.h"
@@ -37,6 +40,7 @@ struct SchemeOptions {
   std::string folder;
   std::string api;
   std::string token;
+  std::string token_file;
   ShareSchemeOptions share;
 };
 
@@ -94,6 +98,33 @@ int RunInit(const GlobalOptions& options) {
   return 0;
 }
 
+// The token a cloud scheme is added with: --token, else the contents of --token-file
+// (one trailing newline dropped), else $VELMORA_TOKEN; empty when none is given. False with
+// `*problem` when the file cannot be read or holds no usable token.
+bool CloudTokenFor(const SchemeOptions& scheme_options, std::string* token, std::string* problem) {
+  *token = scheme_options.token;
+  if (!scheme_options.token_file.empty()) {
+    std::ifstream in(scheme_options.token_file, std::ios::binary);
+    std::ostringstream text;
+    if (!in || !(text << in.rdbuf())) {
+      *problem = fmt::format("cannot read the token file {}",
+                             EscapeControlCharacters(scheme_options.token_file));
+      return false;
+    }
+    *token = text.str();
+    if (token->ends_with('\n')) token->pop_back();
+    if (token->ends_with('\r')) token->pop_back();
+    if (token->empty() || token->find_first_of(" \t\r\n") != std::string::npos) {
+      *problem = fmt::format("the token file {} must hold one token on one line",
+                             EscapeControlCharacters(scheme_options.token_file));
+      return false;
+    }
+  } else if (token->empty()) {
+    if (const char* env = std::getenv("VELMORA_TOKEN")) *token = env;
+  }
+  return true;
+}
+
 int RunSchemeAdd(const GlobalOptions& options, const SchemeOptions& scheme_options) {
   std::string class_name = HandlerClassForType(scheme_options.type);
   if (class_name.empty()) {
@@ -115,12 +146,24 @@ int RunSchemeAdd(const GlobalOptions& options, const SchemeOptions& scheme_optio
       return failed;
     }
   }
-  if (context->schemeNamed(scheme_options.name)) {
-    if (scheme_options.share.accept_host_key) return 0;  // the point was the host key
-    return ReportFailure(fmt::format("a scheme named \"{}\" exists already", scheme_options.name));
+  std::string token, token_problem;
+  if (scheme_options.type == "cloud" && !CloudTokenFor(scheme_options, &token, &token_problem)) {
+    return ReportFailure(token_problem);
   }
-  auto scheme = context->insertScheme(scheme_options.name, class_name, &error);
-  if (!scheme) return ReportFailure(error);
+  auto scheme = context->schemeNamed(scheme_options.name);
+  if (scheme) {
+    if (scheme_options.share.accept_host_key) return 0;  // the point was the host key
+    // Adding a cloud scheme again with a token sets the token (and the address).
+    const bool sets_token = scheme_options.type == "cloud" && !token.empty() &&
+                            scheme->handlerClassName() == class_name;
+    if (!sets_token) {
+      return ReportFailure(
+          fmt::format("a scheme named \"{}\" exists already", scheme_options.name));
+    }
+  } else {
+    scheme = context->insertScheme(scheme_options.name, class_name, &error);
+    if (!scheme) return ReportFailure(error);
+  }
   if (share) {
     // The folder is kept absolute: lookups also try it below /Volumes, which needs a
     // leading "/".
@@ -135,8 +178,7 @@ int RunSchemeAdd(const GlobalOptions& options, const SchemeOptions& scheme_optio
         !context->setSetting("velmoraAPI", scheme_options.api, &error)) {
       return ReportFailure(error);
     }
-    if (!scheme_options.token.empty() &&
-        !context->setSetting("cloudToken", scheme_options.token, &error)) {
+    if (!token.empty() && !context->setSetting("cloudToken", token, &error)) {
       return ReportFailure(error);
     }
   }
@@ -200,6 +242,9 @@ int RunStore(const GlobalOptions& options, const AttachmentOptions& store) {
   if (!handler) {
     return SchemeNotFound(fmt::format("The handler of scheme \"{}\" ({}) is not available.",
                                       store.scheme, scheme->handlerClassName()));
+  }
+  if (std::string problem = MissingTokenProblem(*scheme); !problem.empty()) {
+    return ReportFailure(problem);
   }
 
   bool reference = IsSynchronousScheme(handler->className());
@@ -299,6 +344,10 @@ Loaded LoadAttachment(const GlobalOptions& options, std::uint64_t id, bool need_
 int RunRetrieve(const GlobalOptions& options, const AttachmentOptions& retrieve) {
   Loaded loaded = LoadAttachment(options, retrieve.id, true);
   if (!loaded.handler) return loaded.exit_code;
+  if (std::string problem = MissingTokenProblem(*loaded.attachment->fileAttachmentScheme());
+      !problem.empty()) {
+    return ReportFailure(problem);
+  }
   std::filesystem::path destination = retrieve.to;
   std::error_code ec;
   std::filesystem::create_directories(destination, ec);
@@ -417,7 +466,12 @@ void AddCoreCommands(CLI::App& app, const GlobalOptions& options, int* exit_code
       ->envname("VMATTACH_SHARE_PASSWORD");
   add->add_option("--folder", scheme_options->folder, "Storage folder (archiver)");
   add->add_option("--api", scheme_options->api, "Attachment service base URL (cloud)");
-  add->add_option("--token", scheme_options->token, "Attachment service token (cloud)");
+  CLI::Option* token =
+      add->add_option("--token", scheme_options->token,
+                      "Attachment service token (cloud; or --token-file, or VELMORA_TOKEN)");
+  add->add_option("--token-file", scheme_options->token_file,
+                  "File holding the attachment service token (cloud), kept out of ps")
+      ->excludes(token);
   AddShareSchemeOptions(add, &scheme_options->share);
   SetCommandBody(add, exit_code,
                  [&options, scheme_options] { return RunSchemeAdd(options, *scheme_options); });

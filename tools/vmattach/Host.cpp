@@ -3,6 +3,7 @@
 #include <fmt/chrono.h>
 
 #include "BWFoundation/ServerEnvironment.h"
+#include "VMAttachments/cloud/VMCAttachment.h"
 #include "VMAttachments/schemes/VMAttachmentSchemes.h"
 #include "host/HXFileAttachmentScheme.h"
 #include "host/HostConstants.h"
@@ -42,6 +43,24 @@ nlohmann::json KeyedValueToJSON(const std::optional<KeyedValue>& value) {
 }
 
 }  // namespace
+
+std::string MissingTokenProblem(HXFileAttachmentScheme& scheme) {
+  if (scheme.handlerClassName() != VMCAttachment::kClassName) return {};
+  auto handler = std::dynamic_pointer_cast<VMCAttachment>(scheme.schemeHandler());
+  if (!handler || handler->authToken()) return {};
+  const std::string name = EscapeControlCharacters(scheme.name());
+  return fmt::format(
+      "no token set for scheme {0}: set one with `vmattach scheme add {0} --type cloud --api URL "
+      "--token-file FILE` (or --token TOKEN, or VELMORA_TOKEN in the environment)",
+      name);
+}
+
+std::string MissingTokenProblem(SqliteObjectContext& context) {
+  for (const auto& scheme : context.allSchemes()) {
+    if (std::string problem = MissingTokenProblem(*scheme); !problem.empty()) return problem;
+  }
+  return {};
+}
 
 std::unique_ptr<SqliteObjectContext> OpenHost(const GlobalOptions& options, ErrorRef* error) {
   RegisterVMAttachmentsSchemeClasses();

@@ -23,6 +23,14 @@ std::unique_ptr<SqliteObjectContext> OpenHost(const GlobalOptions& options, Erro
 std::string HandlerClassForType(const std::string& type);
 std::string TypeForHandlerClass(const std::string& class_name);
 
+// Why `scheme` cannot reach its service: a cloud scheme whose handler has no token.
+// Empty when the scheme is of another type, or has no handler, or has a token; otherwise
+// "no token set for scheme NAME" with how to set one.
+std::string MissingTokenProblem(HXFileAttachmentScheme& scheme);
+
+// MissingTokenProblem() of every scheme the data folder holds, the first non-empty one.
+std::string MissingTokenProblem(SqliteObjectContext& context);
+
 // The tool's transfer delegate: remembers the outcome and draws progress. Messages may
 // arrive on any thread; the tool waits on the main thread, draining the main queue.
 class CommandDelegate : public HXFileAttachmentTransferDelegate,

@@ -304,6 +304,9 @@ int RunRecover(const GlobalOptions& options, int timeout_seconds) {
   ErrorRef error;
   auto context = OpenHost(options, &error);
   if (!context) return ReportFailure(error);
+  if (std::string problem = MissingTokenProblem(*context); !problem.empty()) {
+    return ReportFailure(problem);
+  }
   auto* manager = dynamic_cast<SqliteTransferManager*>(context->attachmentTransferManager());
   if (manager == nullptr) return ReportFailure("the data folder has no transfer manager");
   ReclaimAbandonedFiles(*context);

@@ -301,6 +301,12 @@ int RunResume(const GlobalOptions& options, std::uint64_t id) {
   if (id != 0 && transfers.empty()) {
     return ReportFailure(fmt::format("no transfer for attachment {}", id));
   }
+  for (const auto& transfer : transfers) {
+    auto scheme = transfer->attachment() ? transfer->attachment()->fileAttachmentScheme() : nullptr;
+    if (std::string problem = scheme ? MissingTokenProblem(*scheme) : ""; !problem.empty()) {
+      return ReportFailure(problem);
+    }
+  }
   // A resumed download decrypts into the attachment's cache folder, where an older copy
   // would make it fail; one whose older copy cannot be set aside is not resumed.
   std::map<const VMAttachmentTransferObject*, CachedCopySetAside> set_aside;
@@ -414,6 +420,9 @@ int RunDelete(const GlobalOptions& options, std::uint64_t id) {
   // Bytes that never reached the storage are not there to delete: the upload's transfer
   // and the row are enough.
   if (deletion != nullptr && attachment->uploaded().value_or(false)) {
+    if (std::string problem = MissingTokenProblem(*scheme); !problem.empty()) {
+      return ReportFailure(problem);
+    }
     auto delegate = std::make_shared<CommandDelegate>("delete");
     attachment->setDelegate(delegate);
     DataIdentifier identifier = deletion->dataIdentifierForDeletionForAttachment(attachment);

@@ -7,8 +7,8 @@
 #include "tools/vmattach/CloudCommand.h"
 #include "tools/vmattach/Command.h"
 #include "tools/vmattach/CoreCommands.h"
-#include "tools/vmattach/ShareCommands.h"
 #include "tools/vmattach/RecoveryCommands.h"
+#include "tools/vmattach/ShareCommands.h"
 #include "tools/vmattach/TransferCommands.h"
 
 int main(int argc, char** argv) {
