@@ -31,9 +31,11 @@ class HXAttachmentCache {
   static void setSharedCacheFactory(Factory factory);
 
   // The folder path, relative to the cache root and to a share's attachment folder, under
-  // which the attachment is kept.
+  // which the attachment is kept. It is made from the record's values: callers check it
+  // (CheckRelativePath) before they join it to a folder.
   virtual std::string relativeFilePathForObject(const HXFileAttachment& attachment) = 0;
-  // The attachment's cache folder, absolute.
+  // The attachment's cache folder, absolute, always inside the cache; empty when the
+  // record's values name no folder there (a hostile UUID): the record has no cached copy.
   virtual std::filesystem::path absoluteFilePathForObject(const HXFileAttachment& attachment) = 0;
 
   virtual std::uint64_t maxCacheSize() const = 0;

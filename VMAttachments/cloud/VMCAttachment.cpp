@@ -54,8 +54,6 @@ namespace {
 constexpr std::int64_t kProcessingErrorCode = 1000;
 constexpr std::int64_t kCacheFolderErrorCode = 300;
 constexpr std::size_t kDigestLength = 20;
-// A consumed source is cut in steps of this many bytes: few enough calls, little held.
-constexpr off_t kReleaseStride = off_t{8} << 20;
 
 ErrorRef ProcessingError(std::string_view description, ErrorRef underlying = nullptr) {
   return Error::WithDescription(kVMFileAttachmentDomain, kProcessingErrorCode, description,
@@ -232,16 +230,32 @@ timespec ToTimespec(Date date) {
   return time;
 }
 
+// True when `path` is, without following a link, the regular file open at `fd`.
+bool IsSameRegularFile(int fd, const fs::path& path) {
+  struct stat open_info {};
+  struct stat path_info {};
+  return ::fstat(fd, &open_info) == 0 && ::lstat(path.c_str(), &path_info) == 0 &&
+         S_ISREG(path_info.st_mode) && open_info.st_dev == path_info.st_dev &&
+         open_info.st_ino == path_info.st_ino;
+}
+
 // Renames the cached file to `name` in its folder and sets its access date to now and
 // its modification date to `modify_date` (left alone when there is none). Never replaces
-// an existing file.
+// an existing file. On failure the file is removed from wherever it is: decrypted bytes
+// never stay in the cache under a name that nobody looks for.
 bool ApplyCachedFileValues(const fs::path& file, const std::string& name,
                            std::optional<Date> modify_date, ErrorRef* error) {
-  if (ErrorRef refused = CheckFileName(name, "attachment name")) return Fail(error, refused);
+  std::error_code ignored;
+  if (ErrorRef refused = CheckFileName(name, "attachment name")) {
+    fs::remove(file, ignored);
+    return Fail(error, refused);
+  }
   const fs::path renamed = file.parent_path() / name;
   if (renamed != file) {
     if (::renameat2(AT_FDCWD, file.c_str(), AT_FDCWD, renamed.c_str(), RENAME_NOREPLACE) != 0) {
-      return Fail(error, PosixError(errno, renamed));
+      ErrorRef failure = PosixError(errno, renamed);
+      fs::remove(file, ignored);
+      return Fail(error, failure);
     }
   }
   timespec times[2];
@@ -254,7 +268,9 @@ bool ApplyCachedFileValues(const fs::path& file, const std::string& name,
     times[1].tv_nsec = UTIME_OMIT;
   }
   if (::utimensat(AT_FDCWD, renamed.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0) {
-    return Fail(error, PosixError(errno, renamed));
+    ErrorRef failure = PosixError(errno, renamed);
+    fs::remove(renamed, ignored);
+    return Fail(error, failure);
   }
   return true;
 }
@@ -346,14 +362,6 @@ void VMCAttachment::removeDeletionAttachment(const DataIdentifier& data_identifi
 bool VMCAttachment::processAttachment(const std::shared_ptr<HXFileAttachment>& attachment,
                                       const fs::path& source_url, const fs::path& destination_url,
                                       std::int64_t operation, ErrorRef* error) {
-  return processAttachment(attachment, source_url, destination_url, operation, SourceUse::kKeep,
-                           error);
-}
-
-bool VMCAttachment::processAttachment(const std::shared_ptr<HXFileAttachment>& attachment,
-                                      const fs::path& source_url, const fs::path& destination_url,
-                                      std::int64_t operation, SourceUse source_use,
-                                      ErrorRef* error) {
   if (!attachment) return Fail(error, ProcessingError("Must provide an attachment object."));
   if (source_url.empty()) return Fail(error, ProcessingError("Must provide a source file path."));
   std::error_code status_error;
@@ -382,14 +390,8 @@ bool VMCAttachment::processAttachment(const std::shared_ptr<HXFileAttachment>& a
   const char* const cipher_failure =
       encrypting ? "Could not encrypt attachment." : "Could not decrypt attachment.";
 
-  // Punching holes needs a descriptor open for writing; a source that cannot be opened so
-  // is read as it is.
-  auto open_source = [&source_url](int access) {
-    return ::open(source_url.c_str(), access | O_CLOEXEC);
-  };
-  ScopedFd source(source_use == SourceUse::kReleaseBehind ? open_source(O_RDWR) : -1);
-  bool release_behind = source.valid();
-  if (!release_behind) source.reset(open_source(O_RDONLY));
+  // Read only: the source is the caller's and stays exactly as it was.
+  ScopedFd source(::open(source_url.c_str(), O_RDONLY | O_CLOEXEC));
   if (!source.valid()) {
     ErrorRef cause = PosixError(errno, source_url);
     return Fail(error,
@@ -397,8 +399,9 @@ bool VMCAttachment::processAttachment(const std::shared_ptr<HXFileAttachment>& a
                                            : "Could not decrypt attachment.",
                                 cause));
   }
-  // Written from its start, not truncated first: callers hand over a fresh empty file.
-  ScopedFd destination(::open(destination_url.c_str(), O_WRONLY | O_CLOEXEC));
+  // Written from its start, not truncated first: callers hand over a fresh empty file, never
+  // a symbolic link (work files sit in a temporary folder others may write to).
+  ScopedFd destination(::open(destination_url.c_str(), O_WRONLY | O_NOFOLLOW | O_CLOEXEC));
   if (!destination.valid()) {
     ErrorRef cause = PosixError(errno, destination_url);
     return Fail(
@@ -432,9 +435,6 @@ bool VMCAttachment::processAttachment(const std::shared_ptr<HXFileAttachment>& a
   // after the point of failure reaches the destination.
   ErrorRef io_error;
   bool cipher_failed = false;
-  // Bytes of the source read and processed so far, and how many of them were cut out.
-  off_t consumed = 0;
-  off_t released = 0;
   for (;;) {
     const ssize_t got = ReadSome(source.get(), chunk.get(), kProcessChunkSize);
     if (got < 0) {
@@ -460,12 +460,6 @@ bool VMCAttachment::processAttachment(const std::shared_ptr<HXFileAttachment>& a
       break;
     }
     if (read_length == 0) break;
-    consumed += static_cast<off_t>(read_length);
-    if (release_behind && consumed - released >= kReleaseStride) {
-      release_behind = ::fallocate(source.get(), FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE,
-                                   released, consumed - released) == 0;
-      released = consumed;
-    }
   }
   hasher.reset();
   const Bytes input_hash = input_digest.finish();
@@ -549,14 +543,26 @@ bool VMCAttachment::saveDownloadedAttachment(const std::shared_ptr<HXFileAttachm
   // Decrypted bytes pass through here: only the owner may look.
   fs::permissions(work_folder, fs::perms::owner_all, ignored);
   const fs::path work_url = work_folder / "crypt";
+  // The work file is the one made here from start to end: a symbolic link in its place is
+  // refused when it is made, when it is written, and before it is moved or unpacked, so
+  // that nothing decrypted goes elsewhere and nothing from elsewhere reaches the cache.
   ScopedFd created(
       ::open(work_url.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
+  if (!created.valid()) {
+    return Fail(error, ProcessingError("Failed to extract attachment to cache folder",
+                                       PosixError(errno, work_url)));
+  }
+  auto not_ours = [&created, &work_url]() -> ErrorRef {
+    if (IsSameRegularFile(created.get(), work_url)) return nullptr;
+    return ProcessingError("Failed to extract attachment to cache folder",
+                           PosixError(ELOOP, work_url));
+  };
 
   ErrorRef decrypt_error;
   bool decrypted = false;
   try {
-    decrypted = processAttachment(attachment, downloaded_url, work_url, kOperationDecrypt,
-                                  SourceUse::kReleaseBehind, &decrypt_error);
+    decrypted =
+        processAttachment(attachment, downloaded_url, work_url, kOperationDecrypt, &decrypt_error);
   } catch (const std::exception& exception) {
     decrypt_error = ProcessingError(exception.what());
     decrypted = false;
@@ -566,6 +572,12 @@ bool VMCAttachment::saveDownloadedAttachment(const std::shared_ptr<HXFileAttachm
   ErrorRef save_error;
   if (!decrypted) {
     save_error = ProcessingError("Failed to extract attachment to cache folder", decrypt_error);
+  } else if (*storage_type != kStorageTypePlainFile && *storage_type != kStorageTypeArchive) {
+    // Decrypted bytes are not left behind in the shared temporary folder, even here.
+    fs::remove(work_url, ignored);
+    throw InternalInconsistencyException("Invalid format type for attachment");
+  } else if (ErrorRef replaced = not_ours()) {
+    save_error = std::move(replaced);
   } else if (*storage_type == kStorageTypePlainFile) {
     ErrorRef move_error;
     if (!bwMoveItemAtURL(work_url, to_cache_url, &move_error)) {
@@ -580,9 +592,9 @@ bool VMCAttachment::saveDownloadedAttachment(const std::shared_ptr<HXFileAttachm
                         attachment->description(), save_error->summary());
       }
     }
-  } else if (*storage_type == kStorageTypeArchive) {
+  } else {
     std::error_code folder_error;
-    fs::create_directories(to_cache_url, folder_error);
+    const bool made = fs::create_directories(to_cache_url, folder_error);
     // Closed to others before anything is unpacked into it.
     if (!folder_error) fs::permissions(to_cache_url, fs::perms::owner_all, folder_error);
     if (folder_error) {
@@ -594,17 +606,16 @@ bool VMCAttachment::saveDownloadedAttachment(const std::shared_ptr<HXFileAttachm
       ErrorRef unpack_error;
       if (VMArchiver::unpackFilesFromArchive(work_url, to_cache_url, &unpack_error) == 0) {
         save_error = ProcessingError("Failed to extract attachment to cache folder", unpack_error);
+        // What was unpacked before the failure is not left in the cache either.
+        if (made) fs::remove_all(to_cache_url, ignored);
       } else if (std::error_code mode_error = MakeTreeOwnerOnly(to_cache_url)) {
         save_error = ProcessingError("Failed to extract attachment to cache folder",
                                      PosixError(mode_error, to_cache_url));
+        if (made) fs::remove_all(to_cache_url, ignored);
       } else {
         saved = true;
       }
     }
-  } else {
-    // Decrypted bytes are not left behind in the shared temporary folder, even here.
-    fs::remove(work_url, ignored);
-    throw InternalInconsistencyException("Invalid format type for attachment");
   }
 
   // Only the work file goes; the per-UUID folder stays, as other passes expect.

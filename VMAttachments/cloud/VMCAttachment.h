@@ -179,20 +179,6 @@ class VMCAttachment : public HXFileAttachmentSchemeHandler,
       const std::shared_ptr<HXFileAttachment>& attachment) override;
 
  private:
-  // What processing does with the source's bytes once they are consumed.
-  enum class SourceUse {
-    kKeep,
-    // The source is a download that goes right after: the bytes behind the read position
-    // are cut out of the file (hole punched) as processing goes, so that its pages never
-    // reach the disk and the output reuses them instead of needing as much memory again.
-    // On a file system that cannot punch holes the source is kept whole.
-    kReleaseBehind,
-  };
-  bool processAttachment(const std::shared_ptr<HXFileAttachment>& attachment,
-                         const std::filesystem::path& source_url,
-                         const std::filesystem::path& destination_url, std::int64_t operation,
-                         SourceUse source_use, ErrorRef* error);
-
   // Completions of the transfer operations, on the main operation queue.
   void uploadFinished(const UploadCloudAttachmentOperation& operation,
                       const std::shared_ptr<HXFileAttachment>& attachment);

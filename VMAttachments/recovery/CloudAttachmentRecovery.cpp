@@ -43,13 +43,19 @@ std::set<std::string> SplitRecoveryList(const std::string& list) {
   }
 }
 
-// The cached copy of a record: its cache folder with its name appended. A name read from
-// the database that is not one entry of a folder names no cached copy.
+// The cached copy of a record: its cache folder with its name appended. The UUID (which
+// names the folder) and the name come from the database: either one that is not one entry
+// of a folder names no cached copy, so that the pass never stores a file from elsewhere.
 std::optional<std::filesystem::path> CachedCopyPath(HXAttachmentCache& cache,
                                                     const HXFileAttachment& record) {
-  std::string name = record.name();
-  if (CheckFileName(name, "attachment name")) return std::nullopt;
-  return cache.absoluteFilePathForObject(record) / name;
+  const std::string name = record.name();
+  if (CheckFileName(record.attachmentUUID().value_or(""), "attachment UUID") ||
+      CheckFileName(name, "attachment name")) {
+    return std::nullopt;
+  }
+  const std::filesystem::path folder = cache.absoluteFilePathForObject(record);
+  if (folder.empty()) return std::nullopt;
+  return folder / name;
 }
 
 bool FileExists(const std::filesystem::path& path) {

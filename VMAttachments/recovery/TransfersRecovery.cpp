@@ -111,6 +111,11 @@ bool ProveByTrialDecryption(const std::shared_ptr<HXFileAttachment>& record,
     threw = true;
     Log(fmt::format("Exception trying to process attachment {} - {}",
                     record->attachmentUUID().value_or("(null)"), exception.what()));
+  } catch (...) {
+    // Whatever a scheme handler throws fails this candidate only, never the whole pass.
+    threw = true;
+    Log(fmt::format("Exception trying to process attachment {} - (unknown exception)",
+                    record->attachmentUUID().value_or("(null)")));
   }
   std::filesystem::remove(scratch, ec);
   // Left behind it would be an empty folder per candidate in the temporary directory.

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include "host/HXFileAttachment.h"
+#include "platform/SafeNames.h"
 #include "platform/UniqueID.h"
 
 namespace vm {
@@ -23,12 +24,17 @@ std::string SqliteAttachmentCache::DefaultRelativePath(const HXFileAttachment& a
   std::optional<std::string> uuid = attachment.attachmentUUID();
   std::string name =
       uuid && !uuid->empty() ? ToLower(*uuid) : fmt::format("pk-{}", attachment.primaryKeyValue());
+  // The UUID comes from a database row: one that is not a single folder name ("..",
+  // "../../elsewhere") names no folder at all rather than one outside the cache.
+  if (CheckFileName(name, "attachment UUID")) return {};
   return fmt::format("{}/{}", name.substr(0, 2), name);
 }
 
 std::filesystem::path SqliteAttachmentCache::absoluteFilePathForObject(
     const HXFileAttachment& attachment) {
-  return root_ / DefaultRelativePath(attachment);
+  std::string relative = DefaultRelativePath(attachment);
+  if (relative.empty()) return {};
+  return root_ / relative;
 }
 
 }  // namespace vm

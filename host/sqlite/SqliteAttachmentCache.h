@@ -17,7 +17,9 @@ namespace vm {
 // An attachment stored on a share under a folder of the user's choosing keeps that folder
 // in the record (RememberShareFolder), and relativeFilePathForObject gives it back, so the
 // share schemes find the file again; its local cache folder stays the UUID one, so that
-// two attachments of the same folder never share a cache folder. Thread-safe.
+// two attachments of the same folder never share a cache folder. A UUID that is not one
+// folder name (a hostile row) gives an empty folder path: such a record has no cache
+// folder, and nothing outside the root is ever named. Thread-safe.
 class SqliteAttachmentCache : public HXAttachmentCache {
  public:
   static constexpr std::uint64_t kDefaultMaxCacheSize = 1ull << 30;
@@ -28,7 +30,8 @@ class SqliteAttachmentCache : public HXAttachmentCache {
   // under, relative to the share's root.
   static constexpr std::string_view kShareFolderKey = "shareRelativeFolder";
   static void RememberShareFolder(HXFileAttachment& attachment, const std::string& folder);
-  // The folder the attachment's UUID gives, whatever folder was remembered.
+  // The folder the attachment's UUID gives, whatever folder was remembered; empty for a
+  // UUID that is not one folder name.
   static std::string DefaultRelativePath(const HXFileAttachment& attachment);
 
   std::string relativeFilePathForObject(const HXFileAttachment& attachment) override;

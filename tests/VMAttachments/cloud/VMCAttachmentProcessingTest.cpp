@@ -317,32 +317,57 @@ TEST_F(SaveDownloadedTest, PlainFileTakesTheRecordsNameAndDates) {
   }
 }
 
-TEST_F(SaveDownloadedTest, ConsumesTheDownloadAsItDecrypts) {
-  // Over several release steps, with a ragged end.
+TEST_F(SaveDownloadedTest, LeavesTheDownloadExactlyAsItArrived) {
+  // Large enough for many chunks, with a ragged end; the tampered byte sits near the end,
+  // so that the failure comes after most of the file was decrypted.
   const std::string plain = RandomText((std::size_t{20} << 20) + 12345, 7);
+  for (const bool tampered : {false, true}) {
+    SCOPED_TRACE(tampered ? "tampered" : "intact");
+    auto attachment = NewAttachment();
+    attachment->setName("big.bin");
+    const fs::path crypted = Encrypt(attachment, plain);
+    if (tampered) {
+      std::string bytes = ReadFile(crypted);
+      bytes[bytes.size() - 100] ^= 1;
+      WriteFile(crypted, bytes);
+    }
+    const std::string arrived = ReadFile(crypted);
+    struct stat before {};
+    ASSERT_EQ(::stat(crypted.c_str(), &before), 0);
+    const fs::path cache = dir_ / (tampered ? "cache-tampered" : "cache-intact");
+    fs::create_directories(cache);
+
+    bool ok = false;
+    ErrorRef error = Save(attachment, crypted, cache / "random-name", &ok);
+    EXPECT_EQ(ok, !tampered) << (error ? error->summary() : "");
+    EXPECT_TRUE(ReadFile(crypted) == arrived) << "the download is the host's, to retry or inspect";
+    struct stat after {};
+    ASSERT_EQ(::stat(crypted.c_str(), &after), 0);
+    EXPECT_EQ(after.st_blocks, before.st_blocks) << "no holes punched into it";
+    if (tampered) {
+      EXPECT_TRUE(fs::is_empty(cache));
+    } else {
+      EXPECT_TRUE(ReadFile(cache / "big.bin") == plain);
+    }
+  }
+}
+
+TEST_F(SaveDownloadedTest, AWorkFileThatIsALinkIsNeverWrittenThrough) {
   auto attachment = NewAttachment();
-  attachment->setName("big.bin");
-  const fs::path crypted = Encrypt(attachment, plain);
-  const auto crypted_size = fs::file_size(crypted);
-  const fs::path cache = dir_ / "cache-big";
-  fs::create_directories(cache);
-  bool ok = false;
-  ErrorRef error = Save(attachment, crypted, cache / "random-name", &ok);
-  ASSERT_TRUE(ok) << (error ? error->summary() : "");
-  EXPECT_EQ(ReadFile(cache / "big.bin"), plain);
-  // The download keeps its length but no longer holds what was decrypted: at most the
-  // last unreleased step is left.
-  struct stat info {};
-  ASSERT_EQ(::stat(crypted.c_str(), &info), 0);
-  EXPECT_EQ(static_cast<std::uintmax_t>(info.st_size), crypted_size);
-  EXPECT_LT(info.st_blocks * 512, 9 << 20);
-  // Processing on its own never touches its source.
-  const fs::path again = EmptyFile("again");
-  const fs::path kept = Encrypt(attachment, plain, "kept");
-  ASSERT_TRUE(handler_->processAttachment(attachment, kept, again, VMCAttachment::kOperationDecrypt,
-                                          &error));
-  ASSERT_EQ(::stat(kept.c_str(), &info), 0);
-  EXPECT_GE(static_cast<std::uintmax_t>(info.st_blocks * 512), fs::file_size(kept));
+  const fs::path crypted = Encrypt(attachment, "decrypted secret");
+  WriteFile(dir_ / "elsewhere", "someone else's file");
+  fs::create_directories(WorkFolder(*attachment));
+  fs::create_symlink(dir_ / "elsewhere", WorkFolder(*attachment) / "crypt");
+  fs::create_directories(dir_ / "cache");
+
+  bool ok = true;
+  ErrorRef error = Save(attachment, crypted, dir_ / "cache" / "random-name", &ok);
+  EXPECT_FALSE(ok);
+  ASSERT_TRUE(error && error->underlyingError());
+  EXPECT_EQ(error->localizedDescription(), "Failed to extract attachment to cache folder");
+  EXPECT_EQ(error->underlyingError()->domain(), NSPOSIXErrorDomain);
+  EXPECT_EQ(ReadFile(dir_ / "elsewhere"), "someone else's file");
+  EXPECT_TRUE(fs::is_empty(dir_ / "cache"));
 }
 
 TEST_F(SaveDownloadedTest, ArchiveIsUnpackedIntoTheCacheFolder) {
@@ -434,6 +459,10 @@ TEST_F(SaveDownloadedTest, FailuresKeepTheirCodesAndLoseNothing) {
     EXPECT_FALSE(handler_->saveDownloadedAttachment(attachment, crypted, c.cacheURL, nullptr));
   }
   EXPECT_EQ(ReadFile(dir_ / "occupied" / "taken.txt"), "the user's");
+  // A refused final name leaves no decrypted copy under the random one.
+  EXPECT_EQ(std::distance(fs::directory_iterator(dir_ / "occupied"), fs::directory_iterator()), 1);
+  EXPECT_TRUE(fs::is_empty(dir_ / "cache3"));
+  EXPECT_FALSE(fs::exists(dir_ / "cache2")) << "a failed unpacking leaves no partial folder";
   EXPECT_FALSE(fs::exists(dir_ / "up"));
   EXPECT_EQ(ReadFile(dir_ / "tmp" / "taken-uuid"), "not ours");
 }

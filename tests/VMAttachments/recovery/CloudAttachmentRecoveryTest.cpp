@@ -288,6 +288,10 @@ TEST_F(CloudAttachmentRecoveryTest, CachedCopiesAreStoredAgainAndTheRestReported
   auto refused = addAttachment("refused", false, "refuse.txt");
   auto climbing = addAttachment("climbing", false, "../report.pdf");
   auto trashed = addAttachment("trashed", false, "old.txt");
+  // A row whose UUID, as the cache folder's name, climbs out of the cache to a private
+  // file of the user's.
+  const std::string hostile_uuid = "x/../../../private";
+  auto hostile = addAttachment(hostile_uuid, false, "secret.txt");
   save();
   ErrorRef error;
   ASSERT_TRUE(context_->setRowFlags(*trashed, true, false, &error));
@@ -301,6 +305,14 @@ TEST_F(CloudAttachmentRecoveryTest, CachedCopiesAreStoredAgainAndTheRestReported
       context_->attachmentCache()->absoluteFilePathForObject(*climbing).parent_path() /
           "report.pdf",
       "not yours");
+  const std::filesystem::path secret = (context_->attachmentCache()->root() /
+                                        hostile_uuid.substr(0, 2) / hostile_uuid / "secret.txt")
+                                           .lexically_normal();
+  ASSERT_EQ(secret, dir_ / "private" / "secret.txt");
+  // The folders the climb passes through exist, so that the path resolves.
+  std::filesystem::create_directories(context_->attachmentCache()->root() / "x" / "x");
+  std::filesystem::create_directories(secret.parent_path());
+  testing::WriteFile(secret, "private");
   for (const char* subject : {"first", "second"}) {
     auto email = context_->createObjectForEntityNamed(HXEmail::kEntityName, true);
     ASSERT_TRUE(context_->saveChanges(&error));
@@ -344,15 +356,16 @@ TEST_F(CloudAttachmentRecoveryTest, CachedCopiesAreStoredAgainAndTheRestReported
   EXPECT_EQ(unrecovered_count, unrecovered->size());
   std::set<std::string> left;
   for (const auto& record : *unrecovered) left.insert(*record->attachmentUUID());
-  EXPECT_EQ(left, (std::set<std::string>{"uncached", "climbing"}));
+  EXPECT_EQ(left, (std::set<std::string>{"uncached", "climbing", hostile_uuid}));
+  EXPECT_EQ(hostile->temporaryPath(), std::nullopt);
   ASSERT_TRUE(with_emails);
   ASSERT_EQ(with_emails->size(), 1u);
   EXPECT_EQ(with_emails->front(), uncached);
 
-  EXPECT_EQ(countMessagesStartingWith("not in file attachments cache: "), 2);
+  EXPECT_EQ(countMessagesStartingWith("not in file attachments cache: "), 3);
   EXPECT_EQ(countMessagesStartingWith("error storing "), 1);
   EXPECT_EQ(countMessagesStartingWith("found: "), 2);
-  EXPECT_EQ(countMessagesStartingWith("Found 5 missing attachment UUID's"), 1);
+  EXPECT_EQ(countMessagesStartingWith("Found 6 missing attachment UUID's"), 1);
   std::vector<std::string> all = messages();
   auto at = [&](std::string_view m) { return std::find(all.begin(), all.end(), m) - all.begin(); };
   EXPECT_LT(at("Beginning file attachments recovery pass..."),

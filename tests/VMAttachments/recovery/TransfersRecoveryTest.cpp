@@ -7,6 +7,7 @@
 #include "VMAttachments/recovery/CloudAttachmentRecovery.h"
 #include "host/HostConstants.h"
 #include "host/VMAttachmentTransferManager.h"
+#include "platform/UserDefaults.h"
 #include "tests/VMAttachments/recovery/RecoveryTestHost.h"
 
 namespace vm {
@@ -106,6 +107,30 @@ TEST_F(TransfersRecoveryTest, OnlyAProvenWorkFileIsQueuedAndOnlyForOneRecord) {
   auto rows = context_->database().prepare("SELECT path FROM transfers", &error);
   ASSERT_TRUE(rows->step(&error));
   EXPECT_EQ(rows->columnText(0), crypt.string());
+}
+
+TEST_F(TransfersRecoveryTest, AnyExceptionFromTheTrialFailsOnlyThatCandidate) {
+  // A host whose handler for the record's scheme throws something that is not a standard
+  // exception while the pass decrypts for trial.
+  HXSchemeHandlerRegistry::shared().registerClass(
+      {"ThrowingHandler", "Throwing", false,
+       [](std::shared_ptr<HXFileAttachmentScheme>)
+           -> std::shared_ptr<HXFileAttachmentSchemeHandler> { throw 42; }});
+  auto throwing = context_->insertScheme("throwing", "ThrowingHandler");
+  auto record = addAttachment("thrown");
+  leaveWorkFile(record, "a", "bytes of a lost upload");
+  record->setFileAttachmentScheme(throwing);
+  save();
+  UserDefaults::standard()->setObject(kVMCloudAttachmentRecoveryList, std::string("thrown"));
+
+  std::shared_ptr<AttachmentList> remaining = runPass();
+  UserDefaults::standard()->removeObjectForKey(kVMCloudAttachmentRecoveryList);
+
+  ASSERT_TRUE(remaining);
+  EXPECT_EQ(*remaining, AttachmentList{record});
+  EXPECT_TRUE(uploads().empty());
+  EXPECT_EQ(countMessagesStartingWith("Exception trying to process attachment thrown"), 1);
+  EXPECT_EQ(countMessagesStartingWith("Finished transfers recovery pass..."), 1);
 }
 
 TEST_F(TransfersRecoveryTest, NothingMissingCompletesAtOnceWithNull) {

@@ -100,6 +100,14 @@ TEST(SqliteObjectContextTest, TheCacheGivesBackTheFolderAShareAttachmentWasStore
   EXPECT_EQ(cache.relativeFilePathForObject(*filed), "inbox/2024");
   EXPECT_EQ(cache.absoluteFilePathForObject(*filed), dir / "cache" / "ab" / "ab12-filed");
   EXPECT_EQ(cache.relativeFilePathForObject(*plain), "cd/cd34-plain");
+
+  // A UUID from a row that is not one folder name names no cache folder at all.
+  for (const char* hostile : {"..", "../../elsewhere", "ab/../../x", "a/b"}) {
+    SCOPED_TRACE(hostile);
+    plain->setAttachmentUUID(hostile);
+    EXPECT_EQ(cache.absoluteFilePathForObject(*plain), std::filesystem::path());
+    EXPECT_EQ(SqliteAttachmentCache::DefaultRelativePath(*plain), "");
+  }
 }
 
 TEST(SqliteObjectContextTest, UpgradesAnOlderSchemaKeepingRows) {
