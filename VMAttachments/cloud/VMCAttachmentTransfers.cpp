@@ -156,7 +156,11 @@ bool VMCAttachment::storeFile(const fs::path& file, const std::string& /*at_path
     }
     source = work_folder / uuid;
     // Asked with an out-pointer so that an item that cannot be packed fails the store; the
-    // error itself is not passed on.
+    // error itself is not passed on. That way of asking refuses an existing archive, so
+    // what an earlier failed store of this attachment left goes first (the folder is our
+    // own, checked above), or the attachment could never be stored again.
+    std::error_code stale_error;
+    fs::remove(source, stale_error);
     ErrorRef archive_error;
     if (!VMArchiver::archiveFilesInDirectory(file, source, &archive_error)) {
       return fail("Could not compress directory/bundle for storing attachment", nullptr);
@@ -219,24 +223,59 @@ void VMCAttachment::uploadFinished(const UploadCloudAttachmentOperation& operati
     return;
   }
   logger().info("Transfer Successful");
+  // What the database holds until the save below: put back when that save fails.
+  const std::optional<bool> old_uploaded = attachment->uploaded();
+  const std::optional<std::string> old_temporary_path = attachment->temporaryPath();
+  const std::optional<std::string> old_initial_uuid = attachment->initialAttachmentUUID();
+  const std::optional<std::string> old_uuid = attachment->attachmentUUID();
   attachment->setUploaded(true);
   attachment->setTemporaryPath(std::nullopt);
   attachment->setInitialAttachmentUUID(attachment->attachmentUUID());
   std::shared_ptr<HXAttachmentCache> cache = HXAttachmentCache::sharedCache();
-  // Computed while the record still bears its local identity.
+  // Computed while the record still bears its local identity. Empty when that identity
+  // names no cache folder (a hostile row): such a record has no cached copy to move.
   const fs::path old_location = cache ? cache->absoluteFilePathForObject(*attachment) : fs::path();
-  cleanUpForAttachment(attachment);
   if (std::optional<std::string> uuid = operation.attachmentUUID()) {
     attachment->setAttachmentUUID(ToLower(*uuid));
   }
-  if (cache) {
-    const fs::path new_location = cache->absoluteFilePathForObject(*attachment);
+  fs::path new_location;
+  bool moved = false;
+  if (cache && !old_location.empty()) {
+    new_location = cache->absoluteFilePathForObject(*attachment);
     // An attachment without a cached copy has nothing to move: both errors are ignored.
-    std::error_code ignored;
-    fs::create_directories(new_location.parent_path(), ignored);
-    fs::rename(old_location, new_location, ignored);
+    std::error_code ec;
+    if (!new_location.empty()) {
+      fs::create_directories(new_location.parent_path(), ec);
+      fs::rename(old_location, new_location, ec);
+      moved = !ec;
+    }
   }
-  if (HXObjectContext* context = attachment->vmpObjectContext()) context->saveChanges(nullptr);
+  ErrorRef save_error;
+  HXObjectContext* context = attachment->vmpObjectContext();
+  if (context != nullptr && !context->saveChanges(&save_error)) {
+    // The database still knows the record by its earlier identity, not uploaded. The
+    // record and its cached copy go back to that identity and the upload stays
+    // registered, so that a resume, or recovery once the registration is lost, finds
+    // them; the bytes the service took are not referred to by anything.
+    logger().error("Could not save attachment {} after its upload. Error {}",
+                   attachment->description(), DescribeError(save_error));
+    if (moved) {
+      std::error_code ignored;
+      fs::rename(new_location, old_location, ignored);
+    }
+    attachment->setAttachmentUUID(old_uuid);
+    attachment->setInitialAttachmentUUID(old_initial_uuid);
+    attachment->setTemporaryPath(old_temporary_path);
+    attachment->setUploaded(old_uploaded);
+    SendGotError(
+        attachment->delegate().get(), this,
+        SchemeError(kStoreCode, "Could not save the attachment after its upload", save_error));
+    return;
+  }
+  // Registered under the identity the record had when it was stored.
+  if (VMAttachmentTransferManager* manager = TransferManagerOf(*attachment)) {
+    manager->removeTransferForAttachmentIdentifier(old_uuid.value_or(""));
+  }
   if (auto record_delegate = attachment->delegate()) {
     record_delegate->finishedTransferForAttachment(this, attachment);
   }
@@ -269,7 +308,14 @@ bool VMCAttachment::retrieveAttachment(
   std::error_code ec;
   fs::path download_folder = fs::temp_directory_path(ec) / kDownloadFolderName;
   if (ec) return failPreparingDownload(attachment, PosixError(ec), error);
-  if (cache) download_folder /= cache->relativeFilePathForObject(*attachment);
+  if (cache) {
+    // Made from the record's values too: a folder that climbs out is refused.
+    const std::string relative = cache->relativeFilePathForObject(*attachment);
+    if (ErrorRef refused = CheckRelativePath(relative, "cache folder")) {
+      return failPreparingDownload(attachment, refused, error);
+    }
+    download_folder /= relative;
+  }
   if (uuid) {
     if (ErrorRef refused = CheckFileName(*uuid, "attachment UUID")) {
       return failPreparingDownload(attachment, refused, error);
@@ -504,11 +550,23 @@ void VMCAttachment::resumeDeletion(const std::shared_ptr<VMAttachmentTransferObj
         if (auto record_delegate = attachment->delegate()) {
           record_delegate->finishedTransferForAttachment(self.get(), attachment);
         }
-      } else if (HXObjectContext* context = self->fileAttachmentScheme()->vmpObjectContext()) {
+      } else {
         // The record is gone (a deletion outlives it): the registration is found by the
-        // identifier it was made with.
-        if (auto* manager = context->attachmentTransferManager()) {
+        // identifier it was made with, through the scheme's context.
+        const std::shared_ptr<HXFileAttachmentScheme>& scheme = self->fileAttachmentScheme();
+        HXObjectContext* context = scheme ? scheme->vmpObjectContext() : nullptr;
+        VMAttachmentTransferManager* manager =
+            context != nullptr ? context->attachmentTransferManager() : nullptr;
+        if (manager != nullptr) {
           manager->removeTransferForAttachmentIdentifier(transfer->attachmentID());
+        } else {
+          ErrorRef orphaned = SchemeError(
+              kDeletionCode,
+              fmt::format("The deletion of {} finished, but the handler has no scheme whose "
+                          "transfer manager could remove its registration.",
+                          transfer->attachmentID()));
+          logger().error("{}", orphaned->localizedDescription());
+          SendGotError(transfer->delegate().get(), self.get(), orphaned);
         }
       }
     });

@@ -10,7 +10,11 @@
 
 #include "VMAttachments/CloudAttachmentOperation.h"
 #include "VMAttachments/cloud/CloudAttachmentErrors.h"
+#include "VMAttachments/cloud/VMCAttachment.h"
+#include "host/HostConstants.h"
+#include "host/VMAttachmentTransferManager.h"
 #include "tests/VMAttachments/cloud/CloudTestService.h"
+#include "tests/VMAttachments/schemes/ShareTestHost.h"
 #include "tests/support/TempDir.h"
 
 namespace vm {
@@ -713,6 +717,22 @@ TEST_F(CloudAttachmentOperationTest, CancellingARunningDeletionChangesNothing) {
   ASSERT_TRUE(MainQueue::shared().runUntilCondition([&] { return op->isFinished(); },
                                                     std::chrono::steady_clock::now() + 20s));
   EXPECT_EQ(op->state(), Op::State::kFinished);
+}
+
+TEST_F(CloudAttachmentOperationTest, AResumedDeletionWithoutSchemeOrRecordSaysSo) {
+  // A deletion that outlived its record, resumed by a handler made without a scheme: the
+  // service deletes, and nothing is left to remove the registration through.
+  auto handler = std::make_shared<VMCAttachment>(nullptr);
+  auto delegate = std::make_shared<testing::RecordingDelegate>();
+  auto transfer = std::make_shared<VMAttachmentTransferObject>(
+      nullptr, delegate, kTransferOperationDelete, CloudTestService::kUUID);
+  EXPECT_TRUE(handler->resumeTransfer(transfer));
+  ASSERT_TRUE(delegate->waitUntilEnded());
+  ASSERT_EQ(delegate->kinds(), (std::vector<std::string>{"willSend", "gotError"}));
+  ErrorRef error = delegate->last("gotError")->error;
+  EXPECT_EQ(error->code(), 950);
+  EXPECT_NE(error->localizedDescription().find("has no scheme"), std::string::npos);
+  EXPECT_EQ(APIRequests().size(), 1u);
 }
 
 class ThrowingTransfer : public TransferCloudAttachmentOperation {

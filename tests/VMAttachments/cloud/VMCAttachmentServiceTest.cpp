@@ -20,7 +20,9 @@
 #include "host/HXFileAttachmentSchemeHandler.h"
 #include "host/HostConstants.h"
 #include "host/VMAttachmentTransferManager.h"
+#include "host/sqlite/SqliteAttachmentCache.h"
 #include "host/sqlite/SqliteObjectContext.h"
+#include "platform/Log.h"
 #include "platform/UniqueID.h"
 #include "tests/VMAttachments/schemes/ShareTestHost.h"
 #include "tests/services/vmcloudd/HttpTestClient.h"
@@ -301,6 +303,11 @@ TEST_F(CloudSchemeTest, FolderTreeRoundTrips) {
   fs::permissions(tree / "run.sh", fs::perms::owner_exec, fs::perm_options::add);
 
   auto attachment = NewAttachment("Project.bundle");
+  // An earlier store of the same attachment failed after packing and left its archive.
+  const fs::path work_folder =
+      services->dir / "tmp" / context_->databaseUUID() / *attachment->attachmentUUID();
+  fs::create_directories(work_folder);
+  WriteFile(work_folder / *attachment->attachmentUUID(), "a half-written archive");
   Store(attachment, tree);
   EXPECT_EQ(attachment->objectForKeyedSubscript(kHXFileAttachmentStorageTypeKey),
             std::optional<KeyedValue>(std::int64_t{2}));
@@ -494,6 +501,91 @@ TEST_F(CloudSchemeTest, FailedUploadStaysRegisteredAndResumes) {
   EXPECT_FALSE(TransferOf(attachment, kTransferOperationDownload));
 }
 
+TEST_F(CloudSchemeTest, AFailedSaveAfterTheUploadKeepsEverythingFindable) {
+  const fs::path source = dir_ / "minutes.txt";
+  WriteFile(source, "kept whatever the database says");
+  auto attachment = NewAttachment("minutes.txt");
+  const std::string local_uuid = *attachment->attachmentUUID();
+  ErrorRef error;
+  ASSERT_TRUE(context_->saveChanges(&error)) << error->summary();
+  const fs::path cache = CacheFolder(*attachment);
+  fs::create_directories(cache);
+  WriteFile(cache / "minutes.txt", "cached copy");
+  // The database refuses every change to the row from here on.
+  ASSERT_TRUE(
+      context_->database().exec("CREATE TRIGGER refuse BEFORE UPDATE ON attachments BEGIN "
+                                "SELECT RAISE(ABORT, 'refused by the test'); END",
+                                &error));
+
+  LogCapture capture;
+  ASSERT_TRUE(handler_->storeFile(source, "", attachment, nullptr, &error));
+  auto transfer = TransferOf(attachment, kTransferOperationUpload);
+  ASSERT_TRUE(transfer);
+  ASSERT_TRUE(transfers_->resumeTransfer(transfer));
+  ASSERT_TRUE(record_delegate_->waitUntilEnded(kTransferLimit));
+  ASSERT_EQ(record_delegate_->kinds(), std::vector<std::string>{"gotError"});
+  ErrorRef failure = record_delegate_->last("gotError")->error;
+  EXPECT_EQ(failure->code(), 301);
+  EXPECT_EQ(failure->localizedDescription(), "Could not save the attachment after its upload");
+  ASSERT_TRUE(failure->underlyingError());
+  EXPECT_TRUE(capture.contains("Could not save attachment"));
+  // Record, cached copy and registration are where the database's identity finds them.
+  EXPECT_EQ(attachment->attachmentUUID(), std::optional<std::string>(local_uuid));
+  EXPECT_EQ(attachment->uploaded(), std::nullopt);
+  EXPECT_EQ(CacheFolder(*attachment), cache);
+  EXPECT_EQ(ReadFile(cache / "minutes.txt"), "cached copy");
+  EXPECT_EQ(TransferOf(attachment, kTransferOperationUpload), transfer);
+
+  ASSERT_TRUE(context_->database().exec("DROP TRIGGER refuse", &error));
+  record_delegate_ = std::make_shared<RecordingDelegate>();
+  attachment->setDelegate(record_delegate_);
+  ASSERT_TRUE(transfers_->resumeTransfer(transfer));
+  ASSERT_TRUE(record_delegate_->waitUntilEnded(kTransferLimit));
+  ASSERT_EQ(record_delegate_->kinds(), std::vector<std::string>{"finished"})
+      << Summary(*record_delegate_);
+  EXPECT_EQ(attachment->uploaded(), std::optional<bool>(true));
+  EXPECT_EQ(ReadFile(CacheFolder(*attachment) / "minutes.txt"), "cached copy");
+  EXPECT_FALSE(TransferOf(attachment, kTransferOperationUpload));
+}
+
+TEST_F(CloudSchemeTest, AnIdentityFromAHostileRowNamesNothingOutsideTheCache) {
+  // An upload registered for a row whose UUID climbs out of the cache, as a restart loads
+  // it: the folder that UUID would name holds files that are not the cache's.
+  const std::string hostile = "x/../../../outside";
+  auto attachment = NewAttachment("secret.txt");
+  attachment->setAttachmentUUID(hostile);
+  const fs::path root = context_->attachmentCache()->root();
+  fs::create_directories(root / "x" / "x");
+  const fs::path outside = root.parent_path() / "outside";
+  WriteFile(outside / "private.txt", "not the cache's");
+  const fs::path plain = dir_ / "plain.txt";
+  WriteFile(plain, "uploaded bytes");
+  std::string crypt = (dir_ / "crypt").string();
+  WriteFile(crypt, "");
+  ErrorRef error;
+  ASSERT_TRUE(dynamic_cast<VMCAttachment&>(*handler_).processAttachment(
+      attachment, plain, crypt, VMCAttachment::kOperationEncrypt, &error));
+  std::shared_ptr<HXFileAttachmentTransferDelegate> no_delegate;
+  auto transfer = context_->attachmentTransferManager()->registerTransferPath(
+      &crypt, attachment, &no_delegate, kTransferOperationUpload, false, &error);
+  ASSERT_TRUE(transfer) << error->summary();
+  ASSERT_TRUE(transfers_->resumeTransfer(transfer));
+  ASSERT_TRUE(record_delegate_->waitUntilEnded(kTransferLimit));
+  ASSERT_EQ(record_delegate_->kinds(), std::vector<std::string>{"finished"})
+      << Summary(*record_delegate_);
+  EXPECT_EQ(ReadFile(outside / "private.txt"), "not the cache's") << "not moved into the cache";
+  EXPECT_FALSE(fs::exists(CacheFolder(*attachment)));
+
+  // Retrieving with a cache folder that climbs out is refused before any path is made.
+  SqliteAttachmentCache::RememberShareFolder(*attachment, "../../outside");
+  auto delegate = std::make_shared<RecordingDelegate>();
+  error = nullptr;
+  EXPECT_FALSE(handler_->retrieveAttachment(attachment, dir_.path(), delegate, &error));
+  ASSERT_TRUE(error && error->underlyingError());
+  EXPECT_EQ(error->underlyingError()->code(), EINVAL);
+  EXPECT_FALSE(TransferOf(attachment, kTransferOperationDownload));
+}
+
 TEST_F(CloudSchemeTest, TransferControlAnswers) {
   const fs::path source = dir_ / "slow.bin";
   WriteFile(source, std::string(1 << 20, 's'));
@@ -582,6 +674,12 @@ TEST_F(CloudSchemeTest, FailuresReachTheDelegateTheyBelongTo) {
     EXPECT_EQ(error->code(), 300);
     EXPECT_EQ(error->underlyingError()->code(), EINVAL);
     EXPECT_FALSE(TransferOf(row, kTransferOperationDownload));
+    // Deleting sends nothing to the service for an identity it could not know.
+    record_delegate_ = std::make_shared<RecordingDelegate>();
+    row->setDelegate(record_delegate_);
+    EXPECT_TRUE(deletion_->deleteAttachment(row, "", nullptr, nullptr));
+    ASSERT_TRUE(record_delegate_->waitUntilEnded());
+    EXPECT_EQ(record_delegate_->last("gotError")->error->code(), EINVAL);
     EXPECT_FALSE(fs::exists(tmp.parent_path() / "escaped"));
     EXPECT_FALSE(fs::exists(tmp / "escaped"));
   }
