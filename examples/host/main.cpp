@@ -7,6 +7,7 @@
 //
 // WORK_DIR must not exist yet. Exits 0 when every copy came back identical.
 #include <cstdio>
+#include <exception>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -196,9 +197,7 @@ bool CipherRoundTrip(const std::string& text) {
   return decryptor->cryptFinalChunkWithLength(&length) != nullptr && opened == text;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int Run(int argc, char** argv) {
   if (argc != 4) return Fail("usage: vm_example_host WORK_DIR SERVICE_URL TOKEN");
   const fs::path work = fs::absolute(argv[1]);
   if (!fs::create_directory(work)) return Fail(work.string() + " exists already");
@@ -256,4 +255,15 @@ int main(int argc, char** argv) {
   if (!CipherRoundTrip("Quarterly figures\n")) return Fail("the cipher round trip failed");
   std::printf("archive and cipher: identical\n");
   return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  // The file-system calls of this example throw on failure; a host reports them like any other.
+  try {
+    return Run(argc, argv);
+  } catch (const std::exception& e) {
+    return Fail(e.what());
+  }
 }
