@@ -15,6 +15,8 @@ find_package(Boost 1.74 REQUIRED)
 find_package(CLI11 REQUIRED)
 pkg_check_modules(PLIST REQUIRED IMPORTED_TARGET libplist-2.0)
 pkg_check_modules(UUID REQUIRED IMPORTED_TARGET uuid)
+# vmcloudd tells systemd when it is ready (sd_notify; a no-op outside systemd).
+pkg_check_modules(SYSTEMD REQUIRED IMPORTED_TARGET libsystemd)
 # Debian builds cpp-httplib as a shared library (the header only declares); its pkg-config
 # file carries the feature macros the library was built with, which must match ours. Only
 # the tests and benchmarks use it.

@@ -1,11 +1,14 @@
 #include "platform/Log.h"
 
+#include <spdlog/pattern_formatter.h>
 #include <spdlog/sinks/stdout_sinks.h>
 #include <spdlog/spdlog.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <map>
+#include <nlohmann/json.hpp>
 
 #include "platform/SafeNames.h"
 
@@ -46,6 +49,28 @@ struct Registry {
       std::make_shared<spdlog::sinks::stderr_sink_mt>();
 };
 
+std::atomic<bool> json_lines{false};
+
+// Writes the platform's name of a line's level ("default" rather than "warning").
+class LevelNameFlag : public spdlog::custom_flag_formatter {
+ public:
+  void format(const spdlog::details::log_msg& msg, const std::tm&,
+              spdlog::memory_buf_t& dest) override {
+    std::string_view name = msg.level <= spdlog::level::debug  ? "debug"
+                            : msg.level == spdlog::level::info ? "info"
+                            : msg.level == spdlog::level::warn ? "default"
+                                                               : "error";
+    dest.append(name.data(), name.data() + name.size());
+  }
+  std::unique_ptr<custom_flag_formatter> clone() const override {
+    return std::make_unique<LevelNameFlag>();
+  }
+};
+
+std::string JsonString(std::string_view text) {
+  return nlohmann::json(text).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
 Registry& TheRegistry() {
   static Registry* registry = [] {
     auto* r = new Registry;
@@ -85,6 +110,17 @@ Log& Log::Get(std::string_view subsystem, std::string_view category) {
 
 Log& Log::Plain() { return Get("", ""); }
 
+void Log::SetFormat(LogFormat format) {
+  Registry& r = TheRegistry();
+  json_lines = format == LogFormat::kJson;
+  // %v is the message and fields, already written as JSON members.
+  auto formatter = std::make_unique<spdlog::pattern_formatter>();
+  formatter->add_flag<LevelNameFlag>('*').set_pattern(
+      json_lines ? R"({"time":"%Y-%m-%dT%H:%M:%S.%e%z","level":"%*","logger":"%n",%v})"
+                 : "%Y-%m-%d %H:%M:%S.%e [%n] %*: %v");
+  r.stderr_sink->set_formatter(std::move(formatter));
+}
+
 Log::Log(std::string subsystem, std::string category)
     : subsystem_(std::move(subsystem)), category_(std::move(category)) {
   std::string name = subsystem_.empty() ? "-" : subsystem_ + ":" + category_;
@@ -92,11 +128,21 @@ Log::Log(std::string subsystem, std::string category)
   logger_->set_level(spdlog::level::debug);
 }
 
-void Log::write(LogLevel level, std::string_view raw_message) {
+void Log::write(LogLevel level, std::string_view raw_message) { write(level, raw_message, {}); }
+
+void Log::write(LogLevel level, std::string_view raw_message, const LogFields& fields) {
   // Messages carry names and paths from records and servers: escaped, one can never forge
   // a line of its own or drive the terminal.
   std::string message = EscapeControlCharacters(raw_message);
-  logger_->log(ToSpdlog(level), "{}", message);
+  if (json_lines) {
+    std::string members = "\"message\":" + JsonString(message);
+    for (const auto& [name, value] : fields) {
+      members += "," + JsonString(name) + ":" + JsonString(value);
+    }
+    logger_->log(ToSpdlog(level), "{}", members);
+  } else {
+    logger_->log(ToSpdlog(level), "{}", message);
+  }
   Registry& r = TheRegistry();
   std::lock_guard lock(r.mu);
   if (r.captures.empty()) return;

@@ -7,6 +7,7 @@
 #include <mutex>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace spdlog {
@@ -20,6 +21,14 @@ enum class LogLevel { kDebug, kInfo, kDefault, kError };
 
 std::string_view LogLevelName(LogLevel level);
 
+// How lines look on stderr: "TIME [subsystem:category] level: message", or one JSON
+// object per line with the keys time, level, logger, message and the line's fields.
+enum class LogFormat { kText, kJson };
+
+// Named values of one line that JSON lines carry as keys of their own; text lines show
+// the message only, so it should hold them too.
+using LogFields = std::vector<std::pair<std::string_view, std::string>>;
+
 // A named logger: subsystem and category, as the system log has them. Lines go to
 // stderr at or above the level set by VM_LOG_LEVEL (debug, info, default, error, off;
 // default: error) and to every LogCapture alive at the time.
@@ -31,11 +40,15 @@ class Log {
   static Log& Get(std::string_view subsystem, std::string_view category);
   // The logger for plain formatted lines with no subsystem (what NSLog writes).
   static Log& Plain();
+  // Sets the format of every line written from now on, with the level names above
+  // ("default", not spdlog's "warning"). Until called, text with spdlog's level names.
+  static void SetFormat(LogFormat format);
 
   const std::string& subsystem() const { return subsystem_; }
   const std::string& category() const { return category_; }
 
   void write(LogLevel level, std::string_view message);
+  void write(LogLevel level, std::string_view message, const LogFields& fields);
 
   template <typename... Args>
   void debug(fmt::format_string<Args...> format, Args&&... args) {

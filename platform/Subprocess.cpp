@@ -211,8 +211,21 @@ ChildProcess::~ChildProcess() { stop(); }
 bool ChildProcess::running() {
   if (reaped_) return false;
   int status = 0;
-  if (waitpid(pid_, &status, WNOHANG) == pid_) reaped_ = true;
+  if (waitpid(pid_, &status, WNOHANG) == pid_) {
+    reaped_ = true;
+    exit_status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  }
   return !reaped_;
+}
+
+bool ChildProcess::waitExit(std::chrono::milliseconds limit, int* exit_status) {
+  const auto deadline = Clock::now() + limit;
+  while (running() && Clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  if (!reaped_) return false;
+  *exit_status = exit_status_;
+  return true;
 }
 
 void ChildProcess::stop(std::chrono::milliseconds grace) {

@@ -58,6 +58,9 @@ class ChildProcess {
 
   pid_t pid() const { return pid_; }
   bool running();
+  // Waits at most `limit` for the child to exit on its own; true with its exit code (or 128
+  // + the signal that ended it) in `*exit_status` once it has.
+  bool waitExit(std::chrono::milliseconds limit, int* exit_status);
   // SIGTERM, then SIGKILL when the child has not exited within `grace`; reaps it.
   void stop(std::chrono::milliseconds grace = std::chrono::seconds(5));
 
@@ -65,6 +68,7 @@ class ChildProcess {
   explicit ChildProcess(pid_t pid) : pid_(pid) {}
   pid_t pid_;
   bool reaped_ = false;
+  int exit_status_ = -1;
 };
 
 }  // namespace vm

@@ -13,12 +13,14 @@ build_packages=(
   build-essential cmake ninja-build pkg-config git help2man
   libcurl4-openssl-dev libssl-dev nlohmann-json3-dev libsqlite3-dev libpq-dev
   libspdlog-dev libfmt-dev libboost-dev libplist-dev libcli11-dev uuid-dev
+  libsystemd-dev
 )
 # The tests' compilers and libraries, and the real servers they start on 127.0.0.1.
 test_packages=(
   clang clang-format libclang-rt-14-dev libcpp-httplib-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev gettext man-db
   sqlite3 curl samba smbclient rclone fuse3 openssh-server openssh-client postgresql
+  prometheus
 )
 
 packages=("${build_packages[@]}")

@@ -49,6 +49,9 @@ class AttachmentRecords {
   // "sqlite" or "postgresql", for logs.
   virtual std::string_view kind() const = 0;
 
+  // Runs a trivial query: true when the database answers.
+  virtual bool ping(ErrorRef* error) = 0;
+
   // Fails when a record with that UUID exists already.
   virtual bool insert(const AttachmentRecord& record, ErrorRef* error) = 0;
 

@@ -11,8 +11,10 @@
 #include "services/vmcloudd/AttachmentRecords.h"
 #include "services/vmcloudd/EmbeddedBlobStorage.h"
 #include "services/vmcloudd/HttpServer.h"
+#include "services/vmcloudd/PrometheusText.h"
 #include "services/vmcloudd/S3Storage.h"
 #include "services/vmcloudd/ServiceError.h"
+#include "services/vmcloudd/ServiceMetrics.h"
 #include "services/vmcloudd/StaleUploadSweeper.h"
 #include "services/vmcloudd/internal/Crypto.h"
 #include "services/vmcloudd/internal/Responses.h"
@@ -27,11 +29,21 @@ using nlohmann::json;
 constexpr std::string_view kApiPrefix = "/v1/";
 constexpr std::string_view kAuthScheme = "Velmora ";
 
-Log& HttpLog() { return Log::Get("vmcloudd", "http"); }
+Log& AccessLog() { return Log::Get("vmcloudd", "http"); }
 Log& ServiceLog() { return Log::Get("vmcloudd", "service"); }
 
 ErrorRef BadSetting(std::string_view what) {
   return CloudServiceError(kVMCloudServiceBadSetting, what);
+}
+
+bool CheckTokens(const std::vector<std::string>& tokens, ErrorRef* error) {
+  if (tokens.empty()) return Fail(error, BadSetting("At least one access token is required"));
+  for (const std::string& token : tokens) {
+    if (token.empty() || token.find_first_of(" \t\r\n") != std::string::npos) {
+      return Fail(error, BadSetting("An access token must be non-empty and hold no white space"));
+    }
+  }
+  return true;
 }
 
 std::string HostForURL(const std::string& host) {
@@ -101,14 +113,20 @@ class AttachmentService::Impl : public UploadGate {
         storage_(std::move(storage)),
         embedded_(embedded),
         sweeper_(records_.get(), storage_.get(), options_.clock, options_.stale_upload_age,
-                 options_.sweep_interval) {
+                 options_.sweep_interval),
+        tokens_(std::make_shared<const std::vector<std::string>>(options_.tokens)) {
     if (embedded_ != nullptr) embedded_->setUploadGate(this);
   }
 
-  ~Impl() override { stop(); }
+  ~Impl() override { stop(std::chrono::seconds(2)); }
 
   bool start(ErrorRef* error);
-  void stop();
+  std::size_t stop(std::chrono::milliseconds drain);
+  void setTokens(std::vector<std::string> tokens) {
+    auto fresh = std::make_shared<const std::vector<std::string>>(std::move(tokens));
+    std::lock_guard lock(tokens_mu_);
+    tokens_ = std::move(fresh);
+  }
 
   Decision check(std::string_view key) override;
   Decision commit(std::string_view key, const std::function<bool()>& store) override;
@@ -118,9 +136,12 @@ class AttachmentService::Impl : public UploadGate {
   std::unique_ptr<StorageProvider> storage_;
   EmbeddedBlobStorage* embedded_;  // storage_ when it is the embedded provider, else null
   StaleUploadSweeper sweeper_;
+  mutable ServiceMetrics metrics_;  // counted from const handlers too
   // Declared after what its handlers use, so that it is gone before they are.
   std::unique_ptr<HttpServer> server_;
+  std::unique_ptr<HttpServer> metrics_server_;
   int port_ = 0;
+  int metrics_port_ = 0;
   std::string base_url_;
   // Held while the bytes behind a record are put in place, looked at for a confirmation,
   // or removed, each together with the record's state: an upload can then never change
@@ -128,9 +149,21 @@ class AttachmentService::Impl : public UploadGate {
   std::mutex bytes_mu_;
 
  private:
+  std::shared_ptr<const std::vector<std::string>> tokens() const {
+    std::lock_guard lock(tokens_mu_);
+    return tokens_;
+  }
+
+  mutable std::mutex tokens_mu_;
+  std::shared_ptr<const std::vector<std::string>> tokens_;  // guarded by tokens_mu_
+  // Whether the last readiness check failed, so that a lasting failure is logged once.
+  std::atomic<bool> unready_{false};
+
   using ApiHandler = void (Impl::*)(const HttpRequest&, HttpResponse&);
 
   void installRoutes();
+  void logAccess(const HttpRequest& request, const HttpResponse& response);
+  void ready(HttpResponse& response);
   // The handler of an API route: checks the token before anything else, then reads the
   // body within the JSON limit and calls `handler`.
   HttpHandler api(ApiHandler handler);
@@ -158,7 +191,7 @@ bool AttachmentService::Impl::authorized(const HttpRequest& request) const {
   std::string_view given = std::string_view(header).substr(kAuthScheme.size());
   bool accepted = false;
   // Every token is compared, so the time taken does not tell which one came close.
-  for (const std::string& token : options_.tokens) {
+  for (const std::string& token : *tokens()) {
     accepted |= internal::ConstantTimeEquals(given, token);
   }
   return accepted;
@@ -172,6 +205,7 @@ void AttachmentService::Impl::refuseUnauthorized(HttpResponse& response) const {
 
 void AttachmentService::Impl::sendInternalError(HttpResponse& response,
                                                 const ErrorRef& error) const {
+  ++metrics_.records_errors;
   ServiceLog().error("{}", error ? error->summary() : std::string("unknown failure"));
   SendError(response, 500, "internal", "The service could not complete the request");
 }
@@ -202,6 +236,7 @@ UploadGate::Decision AttachmentService::Impl::check(std::string_view key) {
   std::optional<AttachmentRecord> record;
   ErrorRef error;
   if (!records_->find(key, &record, &error)) {
+    ++metrics_.records_errors;
     ServiceLog().error("{}", error->summary());
     return {500, "internal", "The service could not complete the request"};
   }
@@ -373,12 +408,28 @@ void AttachmentService::Impl::installRoutes() {
   HttpServer& server = *server_;
   const std::string collection = R"(/v1/_internal/attachment/?)";
   const std::string resource = R"(/v1/_internal/attachment/([^/]+))";
-  server.route("POST", collection, api(&Impl::startUpload));
-  server.route("PUT", resource, api(&Impl::finishUpload));
-  server.route("GET", resource, api(&Impl::download));
+  server.route(
+      "GET", "/healthz",
+      [](HttpRequest&, HttpResponse& response) {
+        response.status = 200;
+        response.content_type = "text/plain";
+        response.body = "ok\n";
+        return std::unique_ptr<BodySink>();
+      },
+      "health");
+  server.route(
+      "GET", "/readyz",
+      [this](HttpRequest&, HttpResponse& response) {
+        ready(response);
+        return std::unique_ptr<BodySink>();
+      },
+      "health");
+  server.route("POST", collection, api(&Impl::startUpload), "start");
+  server.route("PUT", resource, api(&Impl::finishUpload), "confirm");
+  server.route("GET", resource, api(&Impl::download), "info");
   // A DELETE may announce a body; it carries nothing, so it is read within the JSON
   // limit and dropped.
-  server.route("DELETE", resource, api(&Impl::remove));
+  server.route("DELETE", resource, api(&Impl::remove), "delete");
   if (embedded_ != nullptr) embedded_->installRoutes(&server);
 
   // Refused before any body is read, so that what is sent to an unknown path costs
@@ -391,10 +442,58 @@ void AttachmentService::Impl::installRoutes() {
     }
     return std::unique_ptr<BodySink>();
   });
-  server.setLogger([](const HttpRequest& request, const HttpResponse& response) {
-    HttpLog().notice("{} \"{} {}\" {} {}", request.remote_address, QuoteForLog(request.method),
-                     QuoteForLog(request.path), response.status, response.contentLength());
+  server.setLogger([this](const HttpRequest& request, const HttpResponse& response) {
+    logAccess(request, response);
   });
+}
+
+void AttachmentService::Impl::logAccess(const HttpRequest& request, const HttpResponse& response) {
+  const double seconds =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - request.accepted).count();
+  const std::string route = request.route.empty() ? "other" : request.route;
+  metrics_.countRequest(route, request.method, response.status, seconds);
+  if (route == "blob_put" && response.status / 100 == 2) {
+    metrics_.blob_bytes_received += request.body_bytes;
+  } else if (route == "blob_get" && response.status == 200) {
+    metrics_.blob_bytes_sent += response.contentLength();
+  }
+  const std::string method = QuoteForLog(request.method);
+  const std::string path = QuoteForLog(request.path);
+  const std::string millis = fmt::format("{:.1f}", seconds * 1000);
+  AccessLog().write(
+      LogLevel::kInfo,
+      fmt::format("{} \"{} {}\" {} {} {} {}ms {}", request.remote_address, method, path,
+                  response.status, request.body_bytes, response.contentLength(), millis, route),
+      {{"remote", request.remote_address},
+       {"method", method},
+       {"path", path},
+       {"status", std::to_string(response.status)},
+       {"bytes_in", std::to_string(request.body_bytes)},
+       {"bytes_out", std::to_string(response.contentLength())},
+       {"ms", millis},
+       {"route", route}});
+}
+
+void AttachmentService::Impl::ready(HttpResponse& response) {
+  ErrorRef error;
+  std::string_view problem;
+  if (!records_->ping(&error)) {
+    ++metrics_.records_errors;
+    problem = "the records database does not answer";
+  } else if (!storage_->probe(&error)) {
+    problem = "the blob store cannot be used";
+  }
+  response.content_type = "text/plain";
+  if (problem.empty()) {
+    if (unready_.exchange(false)) ServiceLog().notice("ready again");
+    response.status = 200;
+    response.body = "ready\n";
+    return;
+  }
+  // The details stay in the log: this answer goes to anyone who asks.
+  if (!unready_.exchange(true)) ServiceLog().error("not ready: {}", error->summary());
+  response.status = 503;
+  response.body = fmt::format("not ready: {}\n", problem);
 }
 
 bool AttachmentService::Impl::start(ErrorRef* error) {
@@ -421,6 +520,31 @@ bool AttachmentService::Impl::start(ErrorRef* error) {
   if (embedded_ != nullptr) {
     embedded_->setBaseURL(options_.public_url.empty() ? base_url_ : options_.public_url);
   }
+  if (options_.metrics_port >= 0) {
+    HttpServerOptions metrics;
+    metrics.host = options_.metrics_host;
+    metrics.port = options_.metrics_port;
+    metrics.workers = 1;
+    metrics_server_ = std::make_unique<HttpServer>(std::move(metrics));
+    metrics_server_->route("GET", "/metrics", [this](HttpRequest&, HttpResponse& response) {
+      metrics_.stale_uploads_swept = sweeper_.sweptTotal();
+      response.status = 200;
+      response.content_type = std::string(PrometheusText::kContentType);
+      response.body = metrics_.render(&server_->stats());
+      return std::unique_ptr<BodySink>();
+    });
+    metrics_server_->setFallback([](HttpRequest&, HttpResponse& response) {
+      SendError(response, 404, "not_found", "Metrics are at /metrics");
+      return std::unique_ptr<BodySink>();
+    });
+    if (!metrics_server_->bind(error)) {
+      metrics_server_.reset();
+      server_.reset();
+      return false;
+    }
+    metrics_port_ = metrics_server_->port();
+    metrics_server_->start();
+  }
   server_->start();
   ServiceLog().notice("serving {} with {} records and {} storage", base_url_, records_->kind(),
                       storage_->kind());
@@ -428,23 +552,17 @@ bool AttachmentService::Impl::start(ErrorRef* error) {
   return true;
 }
 
-void AttachmentService::Impl::stop() {
+std::size_t AttachmentService::Impl::stop(std::chrono::milliseconds drain) {
   sweeper_.stop();
-  if (server_) server_->stop();
+  std::size_t cut = server_ ? server_->stop(drain) : 0;
+  // Last, so that the end of a drain can still be watched.
+  if (metrics_server_) metrics_server_->stop(std::chrono::milliseconds(0));
+  return cut;
 }
 
 std::unique_ptr<AttachmentService> AttachmentService::Create(AttachmentServiceOptions options,
                                                              ErrorRef* error) {
-  if (options.tokens.empty()) {
-    Fail(error, BadSetting("At least one access token is required"));
-    return nullptr;
-  }
-  for (const std::string& token : options.tokens) {
-    if (token.empty() || token.find_first_of(" \t\r\n") != std::string::npos) {
-      Fail(error, BadSetting("An access token must be non-empty and hold no white space"));
-      return nullptr;
-    }
-  }
+  if (!CheckTokens(options.tokens, error)) return nullptr;
   if (options.tls_cert.empty() != options.tls_key.empty()) {
     Fail(error, BadSetting("TLS needs both a certificate and a key"));
     return nullptr;
@@ -520,7 +638,13 @@ AttachmentService::AttachmentService(std::unique_ptr<Impl> impl) : impl_(std::mo
 AttachmentService::~AttachmentService() = default;
 
 bool AttachmentService::start(ErrorRef* error) { return impl_->start(error); }
-void AttachmentService::stop() { impl_->stop(); }
+std::size_t AttachmentService::stop(std::chrono::milliseconds drain) { return impl_->stop(drain); }
+bool AttachmentService::setTokens(std::vector<std::string> tokens, ErrorRef* error) {
+  if (!CheckTokens(tokens, error)) return false;
+  impl_->setTokens(std::move(tokens));
+  return true;
+}
+int AttachmentService::metricsPort() const { return impl_->metrics_port_; }
 std::size_t AttachmentService::sweepStaleUploads() { return impl_->sweeper_.sweepOnce(); }
 int AttachmentService::port() const { return impl_->port_; }
 std::string AttachmentService::baseURL() const { return impl_->base_url_; }

@@ -56,15 +56,20 @@ struct AttachmentServiceOptions {
   std::chrono::milliseconds transfer_grace{5000};
   // Connections held open at once; more are closed on arrival.
   std::size_t max_connections = 4096;
+  // Serve metrics (Prometheus text format, GET /metrics, no token) on this address when
+  // metrics_port is 0 (a free port) or more.
+  std::string metrics_host = "127.0.0.1";
+  int metrics_port = -1;
   // Replaced by tests; the system clock otherwise.
   ServiceClock clock;
 };
 
 // The reference attachment service: the web API under /v1/_internal/attachment that the
 // cloud scheme talks to, backed by SQLite records and a storage provider (blobs on local
-// disk served by this service, or an S3 bucket). Writes one log line per request
-// (subsystem "vmcloudd", category "http"), never with a URL's query, which may hold a
-// signature.
+// disk served by this service, or an S3 bucket). GET /healthz answers 200 while the
+// service runs; GET /readyz 200 when the records and the storage answer, else 503; neither
+// needs a token. Writes one access line per request at info level (subsystem "vmcloudd",
+// category "http"), never with a URL's query, which may hold a signature.
 //
 // Upload URLs accept bytes only while their attachment is "new", and at most the size
 // announced at the start; a confirmed or deleted attachment's bytes never change.
@@ -84,14 +89,21 @@ class AttachmentService {
   // Binds the listening socket and starts serving on a background thread. Once it
   // returns true, port() and baseURL() are valid and requests are accepted.
   bool start(ErrorRef* error);
-  // Stops accepting, finishes the requests in progress and ends the serving thread.
-  // Safe to call more than once.
-  void stop();
+  // Stops accepting at once, lets the requests in progress finish within `drain`, cuts
+  // the rest and ends the serving threads; returns how many requests it cut. Safe to call
+  // more than once.
+  std::size_t stop(std::chrono::milliseconds drain = std::chrono::seconds(2));
+
+  // Replaces the accepted tokens; requests already past their token check are not
+  // affected. False with `*error` (and nothing changed) when a token is unusable.
+  bool setTokens(std::vector<std::string> tokens, ErrorRef* error);
 
   // Removes the stale uploads now (see stale_upload_age); returns how many.
   std::size_t sweepStaleUploads();
 
   int port() const;
+  // The metrics listener's port once started; 0 when metrics are off.
+  int metricsPort() const;
   // "http://127.0.0.1:PORT" (or https), the address clients should use.
   std::string baseURL() const;
 

@@ -289,13 +289,19 @@ void EmbeddedBlobStorage::setUploadGate(UploadGate* gate) { impl_->gate_ = gate;
 void EmbeddedBlobStorage::installRoutes(HttpServer* server) {
   const std::string pattern = std::string(kRoutePrefix) + "([^/]+)";
   Impl* impl = impl_.get();
-  server->route("PUT", pattern, [impl](HttpRequest& request, HttpResponse& response) {
-    return impl->handlePut(request, response);
-  });
-  server->route("GET", pattern, [impl](HttpRequest& request, HttpResponse& response) {
-    impl->handleGet(request, response);
-    return std::unique_ptr<BodySink>();
-  });
+  server->route(
+      "PUT", pattern,
+      [impl](HttpRequest& request, HttpResponse& response) {
+        return impl->handlePut(request, response);
+      },
+      "blob_put");
+  server->route(
+      "GET", pattern,
+      [impl](HttpRequest& request, HttpResponse& response) {
+        impl->handleGet(request, response);
+        return std::unique_ptr<BodySink>();
+      },
+      "blob_get");
 }
 
 std::string EmbeddedBlobStorage::uploadURL(std::string_view key,
@@ -341,6 +347,22 @@ bool EmbeddedBlobStorage::removeObject(std::string_view key, ErrorRef* error) co
   const fs::path path = impl_->blobPath(key);
   if (::unlink(path.c_str()) != 0 && errno != ENOENT) {
     return Fail(error, StorageError("Cannot remove a stored blob", PosixError(errno, path)));
+  }
+  return true;
+}
+
+bool EmbeddedBlobStorage::probe(ErrorRef* error) const {
+  std::string path = (impl_->incoming_ / ".probe-XXXXXX").string();
+  int fd = ::mkstemp(path.data());
+  if (fd < 0) {
+    return Fail(error, StorageError("Cannot write in the blob folder", PosixError(errno, path)));
+  }
+  const bool written = ::write(fd, "r", 1) == 1;
+  const int saved = errno;
+  ::close(fd);
+  ::unlink(path.c_str());
+  if (!written) {
+    return Fail(error, StorageError("Cannot write in the blob folder", PosixError(saved, path)));
   }
   return true;
 }

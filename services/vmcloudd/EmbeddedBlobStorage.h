@@ -72,6 +72,8 @@ class EmbeddedBlobStorage : public StorageProvider {
   std::string downloadURL(std::string_view key, std::chrono::seconds lifetime) const override;
   bool statObject(std::string_view key, StoredObject* object, ErrorRef* error) const override;
   bool removeObject(std::string_view key, ErrorRef* error) const override;
+  // Writes and removes a small file where uploads land.
+  bool probe(ErrorRef* error) const override;
 
  private:
   class Impl;

@@ -10,6 +10,7 @@
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
 #include <boost/beast/ssl.hpp>
+#include <future>
 #include <limits>
 #include <regex>
 #include <thread>
@@ -85,6 +86,7 @@ struct Route {
   std::string method;
   std::regex pattern;
   HttpHandler handler;
+  std::string name;
 };
 
 // What every connection shares. Declared so that `active` outlives the io_context,
@@ -99,6 +101,9 @@ struct ServerCore {
   HttpHandler fallback;
   HttpLogger logger;
   std::atomic<std::size_t> active{0};
+  // Connections whose answer has not gone out yet: what stopping would cut.
+  std::atomic<std::size_t> unanswered{0};
+  HttpServer::Stats stats;
   std::optional<asio::ssl::context> ssl;
   asio::io_context io;
   asio::thread_pool workers;
@@ -120,8 +125,15 @@ class Connection : public std::enable_shared_from_this<Connection<Stream>> {
  public:
   Connection(ServerCore& core, Stream stream) : core_(core), stream_(std::move(stream)) {
     ++core_.active;
+    ++core_.unanswered;
+    ++core_.stats.open;
+    request_.accepted = SteadyClock::now();
   }
-  ~Connection() { --core_.active; }
+  ~Connection() {
+    answered();
+    --core_.stats.open;
+    --core_.active;
+  }
 
   void run() {
     beast::get_lowest_layer(stream_).expires_at(SteadyClock::now() + core_.options.header_timeout);
@@ -150,6 +162,8 @@ class Connection : public std::enable_shared_from_this<Connection<Stream>> {
     }
     stream_.async_read_some(buffer_.prepare(kHeaderReadChunk),
                             [self = this->shared_from_this()](beast::error_code ec, std::size_t n) {
+                              if (ec == beast::error::timeout)
+                                ++self->core_.stats.dropped_header_timeout;
                               if (ec) return self->drop();
                               self->buffer_.commit(n);
                               self->readHeader();
@@ -195,6 +209,7 @@ class Connection : public std::enable_shared_from_this<Connection<Stream>> {
           std::regex_match(request_.path, match, route.pattern)) {
         for (const auto& group : match) request_.matches.push_back(group.str());
         handler = &route.handler;
+        request_.route = route.name;
         break;
       }
     }
@@ -251,6 +266,7 @@ class Connection : public std::enable_shared_from_this<Connection<Stream>> {
                                 self->chunk_.size() - self->parser_->get().body().size;
                             if (ec == http::error::need_buffer) ec = {};
                             self->received_ += got;
+                            self->request_.body_bytes = self->received_;
                             if (self->received_ > self->sink_->limit())
                               return self->finish(BodyOutcome::kTooLarge);
                             if (got > 0 && !self->sink_->write(self->chunk_.data(), got)) {
@@ -259,6 +275,7 @@ class Connection : public std::enable_shared_from_this<Connection<Stream>> {
                             if (ec) {
                               // A peer too slow for the deadline has lost its socket already.
                               self->dropped_ = ec == beast::error::timeout;
+                              if (self->dropped_) ++self->core_.stats.dropped_slow_transfer;
                               return self->finish(BodyOutcome::kIncomplete);
                             }
                             self->readBody();
@@ -313,11 +330,14 @@ class Connection : public std::enable_shared_from_this<Connection<Stream>> {
     }
     message->keep_alive(false);
     message->prepare_payload();
-    http::async_write(stream_, *message,
-                      [self = this->shared_from_this(), message](beast::error_code, std::size_t) {
-                        if (self->core_.logger) self->core_.logger(self->request_, self->response_);
-                        self->close();
-                      });
+    http::async_write(
+        stream_, *message,
+        [self = this->shared_from_this(), message](beast::error_code ec, std::size_t) {
+          if (ec == beast::error::timeout) ++self->core_.stats.dropped_slow_transfer;
+          self->answered();
+          if (self->core_.logger) self->core_.logger(self->request_, self->response_);
+          self->close();
+        });
   }
 
   void close() {
@@ -344,6 +364,14 @@ class Connection : public std::enable_shared_from_this<Connection<Stream>> {
         });
   }
 
+  // The answer went out, or the connection is gone: stopping no longer waits for it.
+  void answered() {
+    if (!answered_) {
+      answered_ = true;
+      --core_.unanswered;
+    }
+  }
+
   void drop() {
     beast::error_code ignored;
     beast::get_lowest_layer(stream_).socket().close(ignored);
@@ -361,6 +389,7 @@ class Connection : public std::enable_shared_from_this<Connection<Stream>> {
   std::uint64_t received_ = 0;
   std::size_t lingered_ = 0;
   bool dropped_ = false;
+  bool answered_ = false;
 };
 
 class BufferedSink : public BodySink {
@@ -437,6 +466,7 @@ class HttpServer::Impl : public ServerCore {
           if (ec == asio::error::operation_aborted || !acceptor_->is_open()) return;
           if (!ec) {
             if (active.load() >= options.max_connections) {
+              ++stats.dropped_limit;
               beast::error_code ignored;
               socket.close(ignored);
             } else if (ssl) {
@@ -454,6 +484,9 @@ class HttpServer::Impl : public ServerCore {
   }
 
   std::optional<tcp::acceptor> acceptor_;
+  // Keeps the network threads running while no operation is pending (a request whose
+  // handler runs on a worker, once the acceptor is closed); stop() ends them.
+  std::optional<asio::executor_work_guard<asio::io_context::executor_type>> keep_running_;
   std::vector<std::thread> threads_;
   int port_ = 0;
   bool stopped_ = false;
@@ -464,8 +497,10 @@ HttpServer::HttpServer(HttpServerOptions options)
 
 HttpServer::~HttpServer() { stop(); }
 
-void HttpServer::route(std::string method, const std::string& path_pattern, HttpHandler handler) {
-  impl_->routes.push_back(Route{std::move(method), std::regex(path_pattern), std::move(handler)});
+void HttpServer::route(std::string method, const std::string& path_pattern, HttpHandler handler,
+                       std::string name) {
+  impl_->routes.push_back(
+      Route{std::move(method), std::regex(path_pattern), std::move(handler), std::move(name)});
 }
 
 void HttpServer::setFallback(HttpHandler handler) { impl_->fallback = std::move(handler); }
@@ -514,28 +549,42 @@ bool HttpServer::bind(ErrorRef* error) {
 
 void HttpServer::start() {
   Impl& impl = *impl_;
+  impl.keep_running_.emplace(impl.io.get_executor());
   impl.accept();
   for (int i = 0; i < kNetworkThreads; ++i) {
     impl.threads_.emplace_back([&impl] { impl.io.run(); });
   }
 }
 
-void HttpServer::stop() {
+std::size_t HttpServer::stop(std::chrono::milliseconds drain) {
   Impl& impl = *impl_;
-  if (!impl.acceptor_ || impl.stopped_) return;
+  if (!impl.acceptor_ || impl.stopped_) return 0;
   impl.stopped_ = true;
-  asio::post(impl.acceptor_->get_executor(), [&impl] {
+  // Closed on its strand and waited for, so that no connection is accepted after this.
+  std::promise<void> closed;
+  asio::post(impl.acceptor_->get_executor(), [&impl, &closed] {
     beast::error_code ignored;
     impl.acceptor_->close(ignored);
+    closed.set_value();
   });
-  const auto deadline = SteadyClock::now() + kStopGrace;
-  while (impl.active.load() > 0 && SteadyClock::now() < deadline) {
+  if (!impl.threads_.empty()) closed.get_future().wait();
+  const auto deadline = SteadyClock::now() + drain;
+  while (impl.unanswered.load() > 0 && SteadyClock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  const std::size_t cut = impl.unanswered.load();
+  // Answers already sent get a moment to be read before their sockets close.
+  const auto linger_deadline = std::min(deadline, SteadyClock::now() + kStopGrace);
+  while (cut == 0 && impl.active.load() > 0 && SteadyClock::now() < linger_deadline) {
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
   impl.io.stop();
   for (auto& thread : impl.threads_) thread.join();
   impl.workers.join();
+  return cut;
 }
+
+const HttpServer::Stats& HttpServer::stats() const { return impl_->stats; }
 
 int HttpServer::port() const { return impl_->port_; }
 bool HttpServer::tls() const { return impl_->ssl.has_value(); }

@@ -1,6 +1,7 @@
 #ifndef VM_SERVICES_VMCLOUDD_HTTPSERVER_H_
 #define VM_SERVICES_VMCLOUDD_HTTPSERVER_H_
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
@@ -27,6 +28,12 @@ struct HttpRequest {
   std::vector<std::string> matches;
   std::vector<std::pair<std::string, std::string>> headers;
   std::string remote_address;
+  // The name the matched route was given; empty for the fallback.
+  std::string route;
+  // When the request's connection was accepted.
+  std::chrono::steady_clock::time_point accepted;
+  // Body bytes read so far (all of them once the body is finished).
+  std::uint64_t body_bytes = 0;
   std::optional<std::uint64_t> content_length;
   bool chunked = false;
   // The body, when the handler asked for it buffered (BufferedBody).
@@ -98,8 +105,7 @@ std::unique_ptr<BodySink> BufferedBody(
 using HttpHandler =
     std::function<std::unique_ptr<BodySink>(HttpRequest& request, HttpResponse& response)>;
 
-// Called on a network thread after each answer went out (or failed to), with the bytes of
-// body sent.
+// Called on a network thread after each answer went out (or failed to).
 using HttpLogger = std::function<void(const HttpRequest&, const HttpResponse&)>;
 
 struct HttpServerOptions {
@@ -143,7 +149,9 @@ class HttpServer {
   HttpServer(const HttpServer&) = delete;
   HttpServer& operator=(const HttpServer&) = delete;
 
-  void route(std::string method, const std::string& path_pattern, HttpHandler handler);
+  // `name` is copied into HttpRequest::route for what the logger counts.
+  void route(std::string method, const std::string& path_pattern, HttpHandler handler,
+             std::string name = {});
   void setFallback(HttpHandler handler);
   void setLogger(HttpLogger logger);
 
@@ -151,11 +159,21 @@ class HttpServer {
   bool bind(ErrorRef* error);
   // Starts accepting and serving, after a successful bind().
   void start();
-  // Stops accepting, gives the requests in progress a moment to end, and drops the rest.
-  // Safe to call more than once.
-  void stop();
+  // Stops accepting at once (new connections are refused), lets the requests in progress
+  // end within `drain`, then drops the rest and returns how many requests it cut. Safe to
+  // call more than once (later calls return 0).
+  std::size_t stop(std::chrono::milliseconds drain = std::chrono::seconds(2));
   int port() const;
   bool tls() const;
+
+  // Counts for monitoring; readable from any thread at any time.
+  struct Stats {
+    std::atomic<std::uint64_t> open{0};  // connections held now
+    std::atomic<std::uint64_t> dropped_header_timeout{0};
+    std::atomic<std::uint64_t> dropped_slow_transfer{0};
+    std::atomic<std::uint64_t> dropped_limit{0};
+  };
+  const Stats& stats() const;
 
  private:
   class Impl;

@@ -111,4 +111,13 @@ bool S3Storage::removeObject(std::string_view key, ErrorRef* error) const {
   return Fail(error, StorageError("DELETE", url, fmt::format("HTTP status {}", status)));
 }
 
+bool S3Storage::probe(ErrorRef* error) const {
+  std::string url = presigner_.presignBucket("HEAD", kOwnRequestLifetime, clock_());
+  long status = 0;
+  curl_off_t length = -1;
+  if (!Perform("HEAD", url, &status, &length, error)) return false;
+  if (status >= 200 && status <= 299) return true;
+  return Fail(error, StorageError("HEAD", url, fmt::format("HTTP status {}", status)));
+}
+
 }  // namespace vm

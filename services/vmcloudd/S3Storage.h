@@ -24,6 +24,8 @@ class S3Storage : public StorageProvider {
   std::string downloadURL(std::string_view key, std::chrono::seconds lifetime) const override;
   bool statObject(std::string_view key, StoredObject* object, ErrorRef* error) const override;
   bool removeObject(std::string_view key, ErrorRef* error) const override;
+  // A HEAD of the bucket.
+  bool probe(ErrorRef* error) const override;
 
  private:
   S3Storage(SigV4Presigner presigner, ServiceClock clock);

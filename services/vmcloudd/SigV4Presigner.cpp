@@ -106,6 +106,18 @@ std::optional<SigV4Presigner> SigV4Presigner::Make(const S3Settings& settings, E
 std::string SigV4Presigner::presign(std::string_view method, std::string_view key,
                                     std::chrono::seconds expires,
                                     std::chrono::system_clock::time_point now) const {
+  return presignPath(method, path_prefix_ + "/" + UriEncode(key_prefix_ + std::string(key), true),
+                     expires, now);
+}
+
+std::string SigV4Presigner::presignBucket(std::string_view method, std::chrono::seconds expires,
+                                          std::chrono::system_clock::time_point now) const {
+  return presignPath(method, path_prefix_ + "/", expires, now);
+}
+
+std::string SigV4Presigner::presignPath(std::string_view method, const std::string& uri,
+                                        std::chrono::seconds expires,
+                                        std::chrono::system_clock::time_point now) const {
   expires = std::clamp(expires, kMinExpiry, kMaxExpiry);
   std::time_t seconds = std::chrono::system_clock::to_time_t(now);
   std::tm utc{};
@@ -116,7 +128,6 @@ std::string SigV4Presigner::presign(std::string_view method, std::string_view ke
   const std::string day = amz_date.substr(0, 8);
   const std::string scope = fmt::format("{}/{}/s3/aws4_request", day, region_);
 
-  const std::string uri = path_prefix_ + "/" + UriEncode(key_prefix_ + std::string(key), true);
   // Already in the sorted order the canonical query string requires.
   const std::string query = fmt::format(
       "X-Amz-Algorithm=AWS4-HMAC-SHA256&X-Amz-Credential={}&X-Amz-Date={}&X-Amz-Expires={}"

@@ -40,12 +40,21 @@ class SigV4Presigner {
   std::string presign(std::string_view method, std::string_view key, std::chrono::seconds expires,
                       std::chrono::system_clock::time_point now) const;
 
+  // The URL through which `method` reaches the bucket itself (a HEAD says whether it
+  // exists and the credentials may use it).
+  std::string presignBucket(std::string_view method, std::chrono::seconds expires,
+                            std::chrono::system_clock::time_point now) const;
+
   // The value the client will send as "Host" (with the port when it is not the scheme's
   // default), which the signature covers.
   const std::string& hostHeader() const { return host_header_; }
 
  private:
   SigV4Presigner() = default;
+  // Signs `method` on the already encoded path `uri`.
+  std::string presignPath(std::string_view method, const std::string& uri,
+                          std::chrono::seconds expires,
+                          std::chrono::system_clock::time_point now) const;
 
   std::string scheme_;
   std::string host_header_;

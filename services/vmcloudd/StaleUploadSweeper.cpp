@@ -68,7 +68,8 @@ std::size_t StaleUploadSweeper::sweepOnce() {
       ++removed;
     }
   } while (claimed.size() == kBatch);
-  if (removed > 0) SweepLog().notice("removed {} stale uploads", removed);
+  swept_total_ += removed;
+  if (removed > 0) SweepLog().info("removed {} stale uploads", removed);
   return removed;
 }
 

@@ -1,6 +1,7 @@
 #ifndef VM_SERVICES_VMCLOUDD_STALEUPLOADSWEEPER_H_
 #define VM_SERVICES_VMCLOUDD_STALEUPLOADSWEEPER_H_
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
@@ -33,6 +34,8 @@ class StaleUploadSweeper {
 
   // Sweeps once, now; returns the number of uploads removed.
   std::size_t sweepOnce();
+  // Uploads removed by every sweep so far.
+  std::uint64_t sweptTotal() const { return swept_total_.load(); }
 
  private:
   void run();
@@ -45,6 +48,7 @@ class StaleUploadSweeper {
   std::mutex mu_;
   std::condition_variable wake_;
   bool stopping_ = false;  // guarded by mu_
+  std::atomic<std::uint64_t> swept_total_{0};
   std::thread thread_;
 };
 

@@ -41,6 +41,10 @@ class StorageProvider {
   // object exists; returns false with `*error` when it could not tell.
   virtual bool statObject(std::string_view key, StoredObject* object, ErrorRef* error) const = 0;
 
+  // Checks that the provider can be used now (a probe write, or a look at the bucket);
+  // false with `*error` saying why not.
+  virtual bool probe(ErrorRef* error) const = 0;
+
   // Removes the object. An object that is already absent counts as removed.
   virtual bool removeObject(std::string_view key, ErrorRef* error) const = 0;
 };

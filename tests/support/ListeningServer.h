@@ -27,6 +27,10 @@ class ListeningServer {
   std::string url() const;
   pid_t pid() const { return child_->pid(); }
   void stop() { child_->stop(); }
+  // See ChildProcess::waitExit.
+  bool waitExit(std::chrono::milliseconds limit, int* exit_status) {
+    return child_->waitExit(limit, exit_status);
+  }
 
  private:
   ListeningServer(std::unique_ptr<ChildProcess> child, int port)

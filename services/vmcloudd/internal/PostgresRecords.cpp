@@ -164,6 +164,10 @@ class PostgresRecords : public AttachmentRecords {
   bool migrate(ErrorRef* error);
 
   std::string_view kind() const override { return "postgresql"; }
+  bool ping(ErrorRef* error) override {
+    Borrowed conn(&pool_, error);
+    return conn.get() != nullptr && Run(conn.get(), "SELECT 1", {}, "read", error) != nullptr;
+  }
   bool insert(const AttachmentRecord& record, ErrorRef* error) override;
   bool find(std::string_view uuid, std::optional<AttachmentRecord>* found,
             ErrorRef* error) override;

@@ -66,6 +66,10 @@ class SqliteRecords : public AttachmentRecords {
   bool migrate(ErrorRef* error);
 
   std::string_view kind() const override { return "sqlite"; }
+  bool ping(ErrorRef* error) override {
+    std::lock_guard lock(mu_);
+    return Execute(db_, "SELECT count(*) FROM sqlite_master", "read", error);
+  }
   bool insert(const AttachmentRecord& record, ErrorRef* error) override;
   bool find(std::string_view uuid, std::optional<AttachmentRecord>* found,
             ErrorRef* error) override;

@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <thread>
 
+#include "platform/Log.h"
 #include "platform/UniqueID.h"
 #include "services/vmcloudd/AttachmentRecords.h"
 #include "services/vmcloudd/AttachmentService.h"
@@ -84,6 +85,30 @@ TEST_F(EmbeddedServiceTest, RoundTrip) {
     EXPECT_EQ(Send("GET", download_url).status, 404);
     EXPECT_EQ(api_.remove(uuid).status, 204) << "deleting twice is not an error";
   }
+}
+
+TEST_F(EmbeddedServiceTest, ReadinessFollowsTheBlobFolderAndOrdinaryTrafficLogsAtInfo) {
+  LogCapture capture;
+  EXPECT_EQ(Send("GET", api_.base_url + "/healthz").body, "ok\n");
+  EXPECT_EQ(Send("GET", api_.base_url + "/readyz").status, 200);
+  Uploaded(TestBytes(300, 1));
+  for (const LogRecord& record : capture.records()) {
+    EXPECT_EQ(record.level, LogLevel::kInfo) << record.category << ": " << record.message;
+  }
+
+  // Uploads land in the blob folder's ".incoming" folder: without it nothing can be stored.
+  const auto incoming = dir_.path() / "data" / "blobs" / ".incoming";
+  std::filesystem::rename(incoming, dir_.path() / "moved");
+  for (int i = 0; i < 3; ++i) {
+    HttpReply unready = Send("GET", api_.base_url + "/readyz");
+    EXPECT_EQ(unready.status, 503);
+    EXPECT_EQ(unready.body, "not ready: the blob store cannot be used\n");
+  }
+  std::filesystem::rename(dir_.path() / "moved", incoming);
+  EXPECT_EQ(Send("GET", api_.base_url + "/readyz").status, 200);
+  std::size_t errors = 0;
+  for (const LogRecord& record : capture.records()) errors += record.level == LogLevel::kError;
+  EXPECT_EQ(errors, 1u) << "a lasting failure is logged once";
 }
 
 TEST_F(EmbeddedServiceTest, RefusesTamperedAndExpiredURLs) {

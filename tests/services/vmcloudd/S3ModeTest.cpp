@@ -79,6 +79,7 @@ TEST_F(S3ModeTest, RoundTrip) {
   auto service = StartService(settings_);
   ASSERT_TRUE(service);
   ApiClient api{service->baseURL()};
+  EXPECT_EQ(Send("GET", service->baseURL() + "/readyz").status, 200) << "a HEAD of the bucket";
   const std::string bytes = TestBytes(200000, 7);
 
   HttpReply started = api.start(bytes.size());
@@ -136,9 +137,12 @@ TEST_F(S3ModeTest, StorageFailuresAreReportedNotConfirmed) {
         << "errors must not carry signed URLs";
   }
 
-  // Through the API: a provider that refuses the service gives 502 and keeps "new".
+  // Through the API: a provider that refuses the service makes it unready, gives 502 and
+  // keeps "new".
   auto service = StartService(wrong_key);
   ASSERT_TRUE(service);
+  EXPECT_EQ(Send("GET", service->baseURL() + "/readyz").status, 503);
+  EXPECT_EQ(Send("GET", service->baseURL() + "/healthz").status, 200);
   ApiClient api{service->baseURL()};
   HttpReply started = api.start(4);
   ASSERT_EQ(started.status, 201);
