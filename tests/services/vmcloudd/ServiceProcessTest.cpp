@@ -1,13 +1,17 @@
 // The vmcloudd program as an operator runs it: secrets from files, token rotation on
 // SIGHUP, health and metrics endpoints, quiet logs, and a SIGTERM that lets the requests
 // in flight finish.
+#include <arpa/inet.h>
+#include <fmt/format.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <filesystem>
 #include <nlohmann/json.hpp>
 #include <regex>
@@ -280,6 +284,74 @@ TEST_F(ServiceProcessTest, ACutUploadLeavesNothingBehind) {
   EXPECT_EQ(access_lines, 1);
   EXPECT_TRUE(fs::is_empty(data_ / "blobs" / ".incoming"));
   EXPECT_FALSE(fs::exists(data_ / "blobs" / started.json()["uuid"].get<std::string>()));
+}
+
+// A free TCP port on 127.0.0.1 for a program that cannot pick its own and say which.
+int FreePort() {
+  int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  int port = 0;
+  if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
+      ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0) {
+    port = ntohs(address.sin_port);
+  }
+  ::close(fd);
+  return port;
+}
+
+std::string PercentEncoded(std::string_view text) {
+  std::string out;
+  for (unsigned char c : text) {
+    if (std::isalnum(c) || c == '_' || c == '.' || c == '-') {
+      out += static_cast<char>(c);
+    } else {
+      out += fmt::format("%{:02X}", c);
+    }
+  }
+  return out;
+}
+
+TEST_F(ServiceProcessTest, PrometheusScrapesIt) {
+  if (!fs::exists("/usr/bin/prometheus")) GTEST_SKIP() << "prometheus is missing";
+  auto service = Start();
+  ASSERT_TRUE(service);
+  ApiClient alpha{service->url(), "alpha"};
+  for (int i = 0; i < 3; ++i) ASSERT_EQ(alpha.start(10).status, 201);
+
+  WriteFile(dir_ / "prometheus.yml", fmt::format("global:\n  scrape_interval: 1s\nscrape_configs:\n"
+                                                 "  - job_name: vmcloudd\n    static_configs:\n"
+                                                 "      - targets: ['127.0.0.1:{}']\n",
+                                                 MetricsPort()));
+  const int port = FreePort();
+  ErrorRef error;
+  auto prometheus = ChildProcess::Start(
+      {"prometheus", "--config.file=" + (dir_ / "prometheus.yml").string(),
+       "--storage.tsdb.path=" + (dir_ / "tsdb").string(),
+       "--web.listen-address=127.0.0.1:" + std::to_string(port), "--log.level=warn"},
+      dir_ / "prometheus.log", {}, &error);
+  ASSERT_TRUE(prometheus) << error->summary();
+  // The value of the first series `query` finds; -1 while there is none.
+  auto value = [&](const std::string& query) {
+    HttpReply reply = Send("GET", fmt::format("http://127.0.0.1:{}/api/v1/query?query={}", port,
+                                              PercentEncoded(query)));
+    const nlohmann::json parsed = reply.json();
+    if (reply.status != 200 || !parsed.contains("data") || parsed["data"]["result"].empty()) {
+      return -1.0;
+    }
+    return std::stod(parsed["data"]["result"][0]["value"][1].get<std::string>());
+  };
+  EXPECT_TRUE(
+      Eventually([&] { return value(R"(up{job="vmcloudd"})") == 1; }, std::chrono::seconds(60)))
+      << ReadFile(dir_ / "prometheus.log");
+  const std::string started =
+      R"(sum(vmcloudd_http_requests_total{job="vmcloudd",route="start",code="201"}))";
+  EXPECT_TRUE(Eventually([&] { return value(started) == 3; }, std::chrono::seconds(30)));
+  ASSERT_EQ(alpha.start(10).status, 201);
+  EXPECT_TRUE(Eventually([&] { return value(started) == 4; }, std::chrono::seconds(30)))
+      << "the counter moves with traffic";
 }
 
 TEST(ServiceUnitTest, SystemdAcceptsTheUnit) {
