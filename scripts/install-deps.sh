@@ -20,7 +20,7 @@ test_packages=(
   clang clang-format libclang-rt-14-dev libcpp-httplib-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev gettext man-db
   sqlite3 curl samba smbclient rclone fuse3 openssh-server openssh-client postgresql
-  prometheus
+  prometheus haproxy
 )
 
 packages=("${build_packages[@]}")
