@@ -191,7 +191,9 @@ bool AttachmentService::Impl::authorized(const HttpRequest& request) const {
   std::string_view given = std::string_view(header).substr(kAuthScheme.size());
   bool accepted = false;
   // Every token is compared, so the time taken does not tell which one came close.
-  for (const std::string& token : *tokens()) {
+  // Held for the loop: a SIGHUP may replace the set meanwhile.
+  const auto accepted_tokens = tokens();
+  for (const std::string& token : *accepted_tokens) {
     accepted |= internal::ConstantTimeEquals(given, token);
   }
   return accepted;

@@ -162,7 +162,7 @@ TEST_F(ServiceProcessTest, HealthMetricsAndTokenRotation) {
   EXPECT_NE(ReadUntil(in_flight.fd(), "\r\n\r\n").find("100 Continue"), std::string::npos);
   WriteSecret(token_file_, "beta\n");
   kill(service->pid(), SIGHUP);
-  EXPECT_TRUE(Eventually([&] { return beta.start(10).status == 201; }));
+  ASSERT_TRUE(Eventually([&] { return beta.start(10).status == 201; })) << ReadFile(log_);
   EXPECT_EQ(alpha.start(10).status, 401);
   ASSERT_TRUE(in_flight.send(body));
   EXPECT_EQ(StatusOf(in_flight.readAll()), 201);
@@ -210,6 +210,10 @@ TEST_F(ServiceProcessTest, HealthMetricsAndTokenRotation) {
   EXPECT_EQ(log.find("[vmcloudd:http]"), std::string::npos) << log;
   EXPECT_EQ(Count(log, "] error:"), 1) << log;
   EXPECT_EQ(Count(log, "warning"), 0) << log;
+  kill(service->pid(), SIGTERM);
+  int status = -1;
+  ASSERT_TRUE(service->waitExit(std::chrono::seconds(20), &status));
+  EXPECT_EQ(status, 0) << "a sanitizer's report fails the exit too\n" << ReadFile(log_);
 }
 
 TEST_F(ServiceProcessTest, SigtermLetsAnUploadInFlightFinish) {
