@@ -16,6 +16,8 @@ add_library(VMAttachments::SqliteHost ALIAS vm_sqlite_host)
 install(TARGETS vm_framework vm_sqlite_host EXPORT VMAttachmentsTargets)
 
 install(TARGETS vmattach vmcloudd RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+# Installed, not enabled: it needs /etc/vmcloudd/ filled in first (see the unit's comment).
+install(FILES services/vmcloudd/vmcloudd.service DESTINATION lib/systemd/system COMPONENT tools)
 
 # The CMake package.
 if(BUILD_SHARED_LIBS)

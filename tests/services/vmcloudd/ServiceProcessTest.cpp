@@ -363,10 +363,10 @@ TEST(ServiceUnitTest, SystemdAcceptsTheUnit) {
   // The unit as installed, with the program where this build put it.
   testing::TempDir dir;
   std::string unit = ReadFile(VMCLOUDD_UNIT);
-  for (auto at = unit.find("/usr/local/bin/vmcloudd"); at != std::string::npos;
-       at = unit.find("/usr/local/bin/vmcloudd")) {
-    unit.replace(at, 23, VMCLOUDD_PATH);
-  }
+  const std::string installed = "ExecStart=/usr/bin/vmcloudd";
+  const auto at = unit.find(installed);
+  ASSERT_NE(at, std::string::npos);
+  unit.replace(at, installed.size(), std::string("ExecStart=") + VMCLOUDD_PATH);
   WriteFile(dir / "vmcloudd.service", unit);
   ProcessResult verify =
       RunProcess({"systemd-analyze", "verify", (dir / "vmcloudd.service").string()});
