@@ -58,6 +58,24 @@ for n in $(seq 13); do
   "$vmattach" --data-dir "$data" store "$work/crowd-$n.bin" --scheme cloud >/dev/null 2>&1
 done
 sqlite3 "$data/attachments.sqlite" "DELETE FROM transfers WHERE id = (SELECT min(id) FROM transfers)"
+
+# A service that takes connections and never answers: the uploads hang, the throttle waits,
+# and --timeout stops the pass and ends the command (the pass stores nothing more).
+node -e "require('net').createServer(() => {}).listen($port, '127.0.0.1')" &
+stalled=$!
+for _ in $(seq 50); do
+  (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null && break
+  sleep 0.1
+done
+started=$(date +%s)
+VM_LOG_LEVEL=info "$vmattach" --data-dir "$data" recover --timeout 3 >/dev/null 2>"$work/err"
+rc=$?
+kill "$stalled"
+wait "$stalled" 2>/dev/null
+check "stalled: recover gives up" test "$rc" -ne 0
+check "stalled: saying so" grep -q 'recovery did not finish within 3 seconds' "$work/err"
+check "stalled: after stopping the pass" grep -q 'Recovery pass cancelled' "$work/err"
+check "stalled: soon after its timeout" test $(($(date +%s) - started)) -lt 20
 start_service "$port"
 
 id_of() { "$vmattach" --data-dir "$1" list --json | sed -n 's/.*"id": \([0-9]*\).*/\1/p'; }
