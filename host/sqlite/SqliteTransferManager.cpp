@@ -49,6 +49,19 @@ bool IsPrivateFolderChain(const std::filesystem::path& root, const std::filesyst
   return true;
 }
 
+// Removes `folder` and the folders above it while they are empty, up to the folders
+// directly in the download folder: those are shared by other downloads, so that removing
+// one could pull it from under a download being prepared, and they stay.
+void RemoveEmptyFoldersBelowShared(const std::filesystem::path& folder) {
+  const std::filesystem::path downloads =
+      SqliteTransferManager::downloadFolder().lexically_normal();
+  for (std::filesystem::path empty = folder.lexically_normal();
+       IsStrictlyInside(empty, downloads) && empty.parent_path() != downloads &&
+       ::rmdir(empty.c_str()) == 0;
+       empty = empty.parent_path()) {
+  }
+}
+
 bool SyncPath(const std::filesystem::path& path, int flags, ErrorRef* error) {
   int fd = ::open(path.c_str(), flags | O_CLOEXEC);
   if (fd < 0) return Fail(error, PosixError(errno, path));
@@ -398,14 +411,18 @@ void SqliteTransferManager::removeTransferForAttachmentIdentifier(
       // removing one could pull it from under a download being prepared, and they stay.
       if (IsPrivateFolderChain(downloadFolder(), folder)) {
         std::filesystem::remove(transfer->attachmentPath(), ignored);
-        const std::filesystem::path downloads = downloadFolder().lexically_normal();
-        for (std::filesystem::path empty = folder;
-             IsStrictlyInside(empty, downloads) && empty.parent_path() != downloads &&
-             ::rmdir(empty.c_str()) == 0;
-             empty = empty.parent_path()) {
-        }
+        RemoveEmptyFoldersBelowShared(folder);
       }
     }
+  }
+}
+
+void SqliteTransferManager::removeEmptyDownloadFolders(const VMAttachmentTransferObject& transfer) {
+  if (transfer.operationType() != kTransferOperationDownload) return;
+  const std::filesystem::path folder = transfer.attachmentPath().lexically_normal().parent_path();
+  if (IsStrictlyInside(folder, downloadFolder()) &&
+      IsPrivateFolderChain(downloadFolder(), folder)) {
+    RemoveEmptyFoldersBelowShared(folder);
   }
 }
 

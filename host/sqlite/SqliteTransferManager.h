@@ -48,6 +48,11 @@ class SqliteTransferManager : public VMAttachmentTransferManager {
   void removeTransferForAttachmentIdentifier(const std::string& attachment_id) override;
   std::vector<std::shared_ptr<VMAttachmentTransferObject>> transfersForOperationType(
       std::uint64_t operation_type) override;
+  // Removes the folders of the download `transfer` while they are empty, up to the shared
+  // first level below the download folder, as for a finished download: a failed download
+  // stays registered with nothing on the disk, and the scheme makes its folders again when
+  // it is resumed. Only a private folder chain inside the download folder is touched.
+  void removeEmptyDownloadFolders(const VMAttachmentTransferObject& transfer);
   std::filesystem::path basepath() const override { return basepath_; }
   std::mutex& transferObjectsMutex() override { return mu_; }
   // The row is written by the context's next saveChanges() (the caller holds mu_, and the

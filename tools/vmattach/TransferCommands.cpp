@@ -365,6 +365,7 @@ int RunResume(const GlobalOptions& options, std::uint64_t id) {
       exit_code = ReportFailure(failure);
       // A download whose bytes could not be saved is given up by the scheme.
       if (registered(transfer)) {
+        Manager(*context).removeEmptyDownloadFolders(*transfer);
         ReportFailure(ResumeHint(key));
       } else if (key != 0 && transfer->operationType() == kTransferOperationDownload) {
         ReportFailure(
@@ -634,6 +635,12 @@ int RetrieveThroughCache(SqliteObjectContext& context,
                          bool replace, const GlobalOptions& options) {
   ReclaimAbandonedFiles(context);
   const int status = RetrieveAndCopy(context, attachment, handler, destination, replace, options);
+  // A failed download stays registered, with nothing of it left on the disk.
+  if (status != 0) {
+    for (const auto& transfer : TransfersOf(context, attachment->primaryKeyValue())) {
+      Manager(context).removeEmptyDownloadFolders(*transfer);
+    }
+  }
   // The scheme leaves its emptied decryption folder behind.
   ReclaimAbandonedWorkFiles(context.databaseUUID());
   return status;

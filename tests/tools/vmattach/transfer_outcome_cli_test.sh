@@ -70,6 +70,7 @@ for attempt in 1 2; do
   check "cut $attempt: saying the connection was lost" grep -q 'connection was lost' "$work/err"
   check "cut $attempt: one download registered" test "$(downloads)" = 1
   check "cut $attempt: no file left in the temporary folder" test -z "$(find "$TMPDIR" -type f)"
+  check "cut $attempt: no folder of its own either" test -z "$(find "$TMPDIR" -name "$uuid")"
   check "cut $attempt: nothing in the cache" test -z "$(ls -A "$cached" 2>/dev/null)"
   check "cut $attempt: nothing at the destination" test -z "$(ls -A "$work/out" 2>/dev/null)"
 done
