@@ -362,9 +362,9 @@ int RunRecover(const GlobalOptions& options, int timeout_seconds) {
     outcome->cancelled = true;
     uploads->wake();
     if (!wait(pass_ended, Clock::now() + kCancelGrace)) {
-      // Never freed under a pass still running; the process ends right after.
-      static std::vector<std::unique_ptr<SqliteObjectContext>> kept_alive;
-      kept_alive.push_back(std::move(context));
+      // Never freed under a pass still running, not even at exit: the process ends right
+      // after, and the system takes the memory back.
+      (void)context.release();
     }
     return ReportFailure(fmt::format("recovery did not finish within {} seconds", timeout_seconds));
   }
