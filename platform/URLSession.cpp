@@ -68,6 +68,15 @@ std::shared_ptr<URLSessionTask> URLSession::dataTaskWithRequest(
   return makeTask(URLSessionTask::Kind::kData, std::move(request), {}, std::move(completion));
 }
 
+std::shared_ptr<URLSessionTask> URLSession::streamingDataTaskWithRequest(
+    URLRequest request, URLSessionTask::DataConsumer consumer,
+    URLSessionTask::Completion completion) {
+  std::shared_ptr<URLSessionTask> task =
+      makeTask(URLSessionTask::Kind::kData, std::move(request), {}, std::move(completion));
+  task->consumer_ = std::move(consumer);
+  return task;
+}
+
 std::shared_ptr<URLSessionTask> URLSession::uploadTaskWithRequest(
     URLRequest request, std::filesystem::path fromFile, URLSessionTask::Completion completion) {
   return makeTask(URLSessionTask::Kind::kUpload, std::move(request), std::move(fromFile),

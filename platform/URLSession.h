@@ -88,6 +88,15 @@ class URLSession : public std::enable_shared_from_this<URLSession> {
 
   std::shared_ptr<URLSessionTask> dataTaskWithRequest(URLRequest request,
                                                       URLSessionTask::Completion completion = {});
+  // A data task whose body, when the answer's status is 2xx, goes to `consumer` as it
+  // arrives instead of being collected: nothing is kept in memory or written to disk, and
+  // the completion's data is empty. `consumer` runs on the session's I/O thread, in order,
+  // with pieces of at most a few tens of KiB: it must be quick and must not wait for
+  // another task of the process. When it returns false the transfer stops and the task
+  // completes with an error. Any other status's body is collected as a data task's.
+  std::shared_ptr<URLSessionTask> streamingDataTaskWithRequest(
+      URLRequest request, URLSessionTask::DataConsumer consumer,
+      URLSessionTask::Completion completion);
   // Sends the file as the body (the request's own body is ignored); the method is the
   // request's (PUT when it names none other than the default GET).
   std::shared_ptr<URLSessionTask> uploadTaskWithRequest(URLRequest request,

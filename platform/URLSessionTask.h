@@ -28,6 +28,8 @@ class URLSessionTask : public std::enable_shared_from_this<URLSessionTask> {
   using Completion =
       std::function<void(std::optional<std::vector<std::uint8_t>> data,
                          std::shared_ptr<const URLResponse> response, ErrorRef error)>;
+  // Takes the body of a streamed answer piece by piece; false stops the transfer.
+  using DataConsumer = std::function<bool(const std::uint8_t* bytes, std::size_t length)>;
 
   ~URLSessionTask();
 
@@ -63,6 +65,7 @@ class URLSessionTask : public std::enable_shared_from_this<URLSessionTask> {
   const std::filesystem::path file_;  // upload tasks: the file to send
   const std::shared_ptr<URLSession> session_;
   Completion completion_;  // touched on the resuming thread, then on the delegate queue
+  DataConsumer consumer_;  // streamed data tasks: set before resume(), then I/O thread only
   // Held from resume() until the completion was delivered (delegate queue).
   std::shared_ptr<URLSessionDelegate> delegate_;
 

@@ -136,6 +136,16 @@ int URLSession::Core::watchIdle(void* user, curl_off_t, curl_off_t down, curl_of
 size_t URLSession::Core::collectData(char* bytes, size_t size, size_t count, void* user) {
   auto* task = static_cast<URLSessionTask*>(user);
   size_t n = size * count;
+  if (task->consumer_) {
+    long status = 0;
+    curl_easy_getinfo(task->transfer_->easy, CURLINFO_RESPONSE_CODE, &status);
+    if (status >= 200 && status < 300) {
+      if (!task->transfer_->accept(task->transfer_->streamed, n)) return 0;
+      task->transfer_->streamed += n;
+      task->received_.fetch_add(static_cast<std::int64_t>(n));
+      return task->consumer_(reinterpret_cast<const std::uint8_t*>(bytes), n) ? n : 0;
+    }
+  }
   if (!task->transfer_->accept(task->transfer_->data.size(), n)) return 0;
   task->transfer_->data.insert(task->transfer_->data.end(), bytes, bytes + n);
   task->received_.fetch_add(static_cast<std::int64_t>(n));

@@ -33,6 +33,7 @@ struct URLSessionTask::Transfer {
   int fd = -1;
   std::filesystem::path temporary;  // download tasks, until handed to the delegate
   std::vector<std::uint8_t> data;
+  std::uint64_t streamed = 0;  // body bytes handed to a streaming task's consumer
   std::string url;
   std::optional<std::uint64_t> limit;  // the request's maximumResponseLength()
   bool over_limit = false;

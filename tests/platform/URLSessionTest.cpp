@@ -301,6 +301,60 @@ TEST_F(URLSessionTest, SharedSessionAnswersOnItsOwnQueue) {
   EXPECT_FALSE(on_main.load());
 }
 
+// A streamed answer reaches the consumer whole and in order and is never collected; a
+// consumer that says stop ends the transfer with an error; a refusal's body is collected
+// as a data task's so that the caller can read it.
+TEST_F(URLSessionTest, StreamingTasksHandTheBodyOverAsItArrives) {
+  std::string body(3 * 1024 * 1024 + 17, '\0');
+  for (std::size_t i = 0; i < body.size(); ++i) body[i] = static_cast<char>(i * 7 % 251);
+  server_->on("GET", "/big", [&](const ServerRequest&) {
+    ServerReply reply{200, body, "application/octet-stream"};
+    reply.chunked = true;
+    return reply;
+  });
+  server_->on("GET", "/refused", [](const ServerRequest&) { return ServerReply{404, "nope"}; });
+  struct Case {
+    const char* path;
+    std::size_t stop_after;  // bytes the consumer takes before it says stop
+    bool fails;
+    std::string collected;
+  };
+  const Case cases[] = {{"/big", SIZE_MAX, false, ""},
+                        {"/big", 100000, true, ""},
+                        {"/refused", SIZE_MAX, false, "nope"}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::string(c.path) + " " + std::to_string(c.stop_after));
+    std::string streamed;  // written on the I/O thread, read after completion
+    std::optional<std::vector<std::uint8_t>> data;
+    ErrorRef error;
+    std::atomic<bool> done{false};
+    auto task = session_->streamingDataTaskWithRequest(
+        URLRequest(Url(server_->url(c.path))),
+        [&](const std::uint8_t* bytes, std::size_t length) {
+          streamed.append(reinterpret_cast<const char*>(bytes), length);
+          return streamed.size() < c.stop_after;
+        },
+        [&](auto got, auto, ErrorRef e) {
+          data = std::move(got);
+          error = e;
+          done = true;
+        });
+    task->resume();
+    ASSERT_TRUE(RunMainUntil([&] { return done.load(); }));
+    EXPECT_EQ(error != nullptr, c.fails);
+    if (c.fails) {
+      EXPECT_LT(streamed.size(), body.size());
+    } else if (c.collected.empty()) {
+      EXPECT_TRUE(streamed == body) << "streamed " << streamed.size() << " bytes";
+      EXPECT_TRUE(!data || data->empty());
+    } else {
+      EXPECT_TRUE(streamed.empty());
+      ASSERT_TRUE(data);
+      EXPECT_EQ(std::string(data->begin(), data->end()), c.collected);
+    }
+  }
+}
+
 struct LimitCase {
   const char* name;
   URLSessionTask::Kind kind;

@@ -10,6 +10,7 @@
 #include "tools/vmattach/RecoveryCommands.h"
 #include "tools/vmattach/ShareCommands.h"
 #include "tools/vmattach/TransferCommands.h"
+#include "tools/vmattach/VerifyCommand.h"
 
 int main(int argc, char** argv) {
   using namespace vm::vmattach;
@@ -30,6 +31,12 @@ int main(int argc, char** argv) {
   AddShareCommands(app, options, &exit_code);
   AddRecoveryCommands(app, options, &exit_code);
   AddTransferCommands(app, options, &exit_code);
-  CLI11_PARSE(app, argc, argv);
+  AddVerifyCommand(app, options, &exit_code);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    // --help and --version end with 0; every other parse failure is a usage error.
+    return app.exit(error) == 0 ? 0 : 2;
+  }
   return exit_code;
 }
