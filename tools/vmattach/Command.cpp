@@ -78,12 +78,14 @@ bool StderrIsTerminal() { return isatty(STDERR_FILENO) == 1; }
 struct ProgressBar::State {
   std::mutex mu;
   std::string label;
+  Unit unit = Unit::kBytes;
   bool enabled = false;
   bool drawn = false;
 };
 
-ProgressBar::ProgressBar(std::string label) : state_(std::make_unique<State>()) {
+ProgressBar::ProgressBar(std::string label, Unit unit) : state_(std::make_unique<State>()) {
   state_->label = std::move(label);
+  state_->unit = unit;
   state_->enabled = StderrIsTerminal();
 }
 
@@ -96,9 +98,13 @@ void ProgressBar::update(std::int64_t done, std::int64_t total) {
   double fraction = total > 0 ? static_cast<double>(done) / static_cast<double>(total) : 0.0;
   if (fraction > 1.0) fraction = 1.0;
   int filled = static_cast<int>(fraction * kWidth);
-  fmt::print(stderr, "\r{} [{}{}] {:3.0f}%  {:.1f} / {:.1f} MiB", state_->label,
-             std::string(filled, '#'), std::string(kWidth - filled, '.'), fraction * 100.0,
-             static_cast<double>(done) / 1048576.0, static_cast<double>(total) / 1048576.0);
+  std::string counts =
+      state_->unit == Unit::kItems
+          ? fmt::format("{} / {}", done, total)
+          : fmt::format("{:.1f} / {:.1f} MiB", static_cast<double>(done) / 1048576.0,
+                        static_cast<double>(total) / 1048576.0);
+  fmt::print(stderr, "\r{} [{}{}] {:3.0f}%  {}", state_->label, std::string(filled, '#'),
+             std::string(kWidth - filled, '.'), fraction * 100.0, counts);
   state_->drawn = true;
 }
 

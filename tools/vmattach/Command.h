@@ -53,7 +53,9 @@ bool StderrIsTerminal();
 // ends the line. Does nothing when stderr is not a terminal. Thread-safe.
 class ProgressBar {
  public:
-  explicit ProgressBar(std::string label);
+  // What update() counts: bytes (shown in MiB) or items (shown as "3 / 7").
+  enum class Unit { kBytes, kItems };
+  explicit ProgressBar(std::string label, Unit unit = Unit::kBytes);
   ~ProgressBar();
   void update(std::int64_t done, std::int64_t total);
   void finish();

@@ -167,7 +167,7 @@ std::function<VerifyOutcome()> Plan(const std::shared_ptr<HXFileAttachment>& att
 
 // Runs the checks on `jobs` threads, drawing progress as they end.
 void RunJobs(std::vector<Job>& work, int jobs) {
-  ProgressBar bar("verify");
+  ProgressBar bar("verify", ProgressBar::Unit::kItems);
   std::atomic<std::size_t> next{0};
   std::atomic<std::int64_t> done{0};
   const auto total = static_cast<std::int64_t>(work.size());
