@@ -83,6 +83,15 @@ check "a row leading out of the storage folder is refused" \
 check "only the named ids are reported" test "$(status_of "$cloud_file")" = absent
 check "the reference is ok" test "$(status_of "$ref")" = ok
 
+# An upload not done yet is pending; a storage folder that is gone cannot be reached.
+sqlite3 "$work/data/attachments.sqlite" "UPDATE attachments SET uploaded=0 WHERE _rowid=$cloud_file"
+mv "$work/storage" "$work/storage.away"
+va verify "$cloud_file" "$arch_file" --json >"$work/out"
+check "an unfinished upload is pending" test "$(status_of "$cloud_file")" = pending
+check "a storage folder that is gone is unreachable" test "$(status_of "$arch_file")" = unreachable
+mv "$work/storage.away" "$work/storage"
+sqlite3 "$work/data/attachments.sqlite" "UPDATE attachments SET uploaded=1 WHERE _rowid=$cloud_file"
+
 # The service down: unreachable, and the local schemes still answer.
 kill "$service"
 wait "$service" 2>/dev/null
