@@ -1,13 +1,9 @@
 #include "host/sqlite/SqliteObjectContext.h"
 
 #include <fmt/format.h>
-#include <sys/stat.h>
 
-#include <atomic>
 #include <chrono>
 #include <cstdlib>
-#include <nlohmann/json.hpp>
-#include <random>
 
 #include "host/HXAttachmentCache.h"
 #include "host/HXFileAttachmentSchemeHandler.h"
@@ -17,6 +13,12 @@
 #include "host/sqlite/SqliteAttachmentCache.h"
 #include "host/sqlite/SqliteSchema.h"
 #include "host/sqlite/SqliteTransferManager.h"
+#include "host/sqlite/internal/HostError.h"
+#include "host/sqlite/internal/SqliteFetchCompiler.h"
+#include "host/sqlite/internal/SqliteFileAttachment.h"
+#include "host/sqlite/internal/SqlitePrimaryKeys.h"
+#include "host/sqlite/internal/SqliteRecordRows.h"
+#include "host/sqlite/internal/SqliteTables.h"
 #include "platform/DispatchQueue.h"
 #include "platform/PrivateDataFolder.h"
 #include "platform/UniqueID.h"
@@ -28,174 +30,18 @@ constexpr char kDatabaseFileName[] = "attachments.sqlite";
 constexpr char kDefaultsFileName[] = "defaults.json";
 constexpr char kCloudHandlerClassName[] = "VMCAttachment";
 
-struct EntityTable {
-  std::string_view entity;
-  std::string_view table;
-  bool has_visibility_flags;  // inTrash and hidden columns
-};
-
-constexpr EntityTable kEntityTables[] = {
-    {HXFileAttachment::kEntityName, "attachments", true},
-    {HXFileAttachmentScheme::kEntityName, "schemes", false},
-    {HXTask::kEntityName, "tasks", true},
-    {HXEmail::kEntityName, "emails", true},
-};
-
-const EntityTable* TableForEntity(std::string_view entity) {
-  for (const EntityTable& t : kEntityTables) {
-    if (t.entity == entity) return &t;
-  }
-  return nullptr;
-}
-
-ErrorRef HostError(std::string_view description) {
-  return Error::WithDescription(kVMFileAttachmentDomain, 1, description);
-}
-
-std::int64_t ToNanoseconds(Date date) {
-  return std::chrono::duration_cast<std::chrono::nanoseconds>(date.time_since_epoch()).count();
-}
-
-Date FromNanoseconds(std::int64_t ns) {
-  return Date(std::chrono::duration_cast<Date::duration>(std::chrono::nanoseconds(ns)));
-}
-
-std::string HexEncode(const Bytes& bytes) {
-  static constexpr char kDigits[] = "0123456789abcdef";
-  std::string out;
-  out.reserve(bytes.size() * 2);
-  for (std::uint8_t b : bytes) {
-    out.push_back(kDigits[b >> 4]);
-    out.push_back(kDigits[b & 15]);
-  }
-  return out;
-}
-
-Bytes HexDecode(const std::string& text) {
-  auto nibble = [](char c) -> int {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    return 0;
-  };
-  Bytes out;
-  for (std::size_t i = 0; i + 1 < text.size(); i += 2) {
-    out.push_back(static_cast<std::uint8_t>(nibble(text[i]) << 4 | nibble(text[i + 1])));
-  }
-  return out;
-}
-
-std::string EncodeKeyedValues(const std::map<std::string, KeyedValue, std::less<>>& values) {
-  nlohmann::json document = nlohmann::json::object();
-  for (const auto& [key, value] : values) {
-    if (const auto* n = std::get_if<std::int64_t>(&value)) {
-      document[key] = {{"int", *n}};
-    } else if (const auto* s = std::get_if<std::string>(&value)) {
-      document[key] = {{"string", *s}};
-    } else {
-      document[key] = {{"data", HexEncode(std::get<Bytes>(value))}};
-    }
-  }
-  return document.dump();
-}
-
-void DecodeKeyedValues(const std::string& text, HXFileAttachment& record) {
-  nlohmann::json document = nlohmann::json::parse(text, nullptr, false);
-  if (!document.is_object()) return;
-  for (const auto& [key, value] : document.items()) {
-    if (!value.is_object()) continue;
-    if (value.contains("int") && value["int"].is_number_integer()) {
-      record.setObject(value["int"].get<std::int64_t>(), key);
-    } else if (value.contains("string") && value["string"].is_string()) {
-      record.setObject(value["string"].get<std::string>(), key);
-    } else if (value.contains("data") && value["data"].is_string()) {
-      record.setObject(HexDecode(value["data"].get<std::string>()), key);
-    }
-  }
-}
-
-bool IsIdentifier(std::string_view key) {
-  if (key.empty() || std::isdigit(static_cast<unsigned char>(key[0]))) return false;
-  for (char c : key) {
-    if (!std::isalnum(static_cast<unsigned char>(c)) && c != '_') return false;
-  }
-  return true;
-}
-
-// Turns a qualifier into SQL with "?" placeholders. Keys name columns; values are always
-// bound. IS / IS NOT give the in-memory semantics for null.
-bool AppendQualifierSQL(const BDQualifier* qualifier, std::string& sql,
-                        std::vector<KeyValue>& arguments, ErrorRef* error) {
-  if (const auto* kv = dynamic_cast<const BDKeyValueQualifier*>(qualifier)) {
-    if (!IsIdentifier(kv->key())) {
-      return Fail(error, HostError(fmt::format("invalid qualifier key \"{}\"", kv->key())));
-    }
-    sql += fmt::format("\"{}\" {} ?", kv->key(),
-                       kv->op() == BDKeyValueQualifier::Operator::kEqual ? "IS" : "IS NOT");
-    arguments.push_back(kv->value());
-    return true;
-  }
-  if (const auto* conjunction = dynamic_cast<const BDAndQualifier*>(qualifier)) {
-    sql += "(1";
-    for (const BDQualifierRef& part : conjunction->qualifiers()) {
-      if (!part) continue;
-      sql += " AND ";
-      if (!AppendQualifierSQL(part.get(), sql, arguments, error)) return false;
-    }
-    sql += ")";
-    return true;
-  }
-  return Fail(error, HostError("unsupported qualifier"));
-}
-
-// The host's own record class: attributes plus the host operations.
-class SqliteFileAttachment : public HXFileAttachment {
- public:
-  SqliteFileAttachment(SqliteObjectContext* context) : HXFileAttachment(context), host_(context) {}
-
-  // Stores the record's file through its scheme: the temporary path when set (a file
-  // waiting to be stored), else the attachment path.
-  bool storeAttachmentWithError(ErrorRef* error) override {
-    std::shared_ptr<HXFileAttachmentScheme> scheme = fileAttachmentScheme();
-    std::shared_ptr<HXFileAttachmentSchemeHandler> handler =
-        scheme ? scheme->schemeHandler() : nullptr;
-    if (!handler) {
-      return Fail(error, Error::WithDescription(kVMFileAttachmentDomain, 500,
-                                                "The attachment's scheme was not found."));
-    }
-    std::string source = temporaryPath().value_or(attachmentPath());
-    auto self = std::static_pointer_cast<HXFileAttachment>(
-        host_->attachmentWithPrimaryKey(primaryKeyValue()));
-    std::shared_ptr<HXAttachmentCache> cache = HXAttachmentCache::sharedCache();
-    std::string relative = cache ? cache->relativeFilePathForObject(*this) : std::string();
-    const std::string uuid = attachmentUUID().value_or("");
-    bool stored = handler->storeFile(source, relative, self, delegate(), error);
-    // The scheme is done with its work folder once the call returned.
-    static_cast<SqliteTransferManager*>(host_->attachmentTransferManager())
-        ->removeStoreWorkFolder(uuid);
-    return stored;
-  }
-
-  // Fills the dates the record lacks from the stored file.
-  void updateMissingDetailsFromURL(const std::filesystem::path& url) override {
-    struct stat info {};
-    if (::stat(url.c_str(), &info) != 0) return;
-    Date modified = FromNanoseconds(static_cast<std::int64_t>(info.st_mtim.tv_sec) * 1000000000 +
-                                    info.st_mtim.tv_nsec);
-    if (!attachmentModifyDate()) setAttachmentModifyDate(modified);
-    if (!attachmentCreateDate()) setAttachmentCreateDate(modified);
-    if (name().empty()) setName(url.filename().string());
-  }
-
-  void refreshIfNeeded() override { host_->refreshAttachment(*this); }
-
-  // The database's data_version when the row was last read; -1 when never read.
-  std::int64_t readVersion() const { return read_version_.load(); }
-  void setReadVersion(std::int64_t version) { read_version_.store(version); }
-
- private:
-  SqliteObjectContext* host_;
-  std::atomic<std::int64_t> read_version_{-1};
-};
+using sqlite_internal::ApplyRecordRow;
+using sqlite_internal::CompileFetch;
+using sqlite_internal::EntityTable;
+using sqlite_internal::FetchStatement;
+using sqlite_internal::HostError;
+using sqlite_internal::ReadSetting;
+using sqlite_internal::SqliteFileAttachment;
+using sqlite_internal::StartPrimaryKeys;
+using sqlite_internal::TableForEntity;
+using sqlite_internal::TakePrimaryKey;
+using sqlite_internal::WriteRecordRow;
+using sqlite_internal::WriteSetting;
 
 }  // namespace
 
@@ -271,23 +117,16 @@ bool SqliteObjectContext::loadOrCreateMeta(const SqliteCreateOptions& options, E
   if (!db_->exec("BEGIN IMMEDIATE", error)) return false;
   auto read = [this](const char* key) { return setting(key); };
   auto write = [this](const char* key, const std::string& value, ErrorRef* e) {
-    auto statement = db_->prepare("INSERT OR REPLACE INTO meta(key, value) VALUES (?, ?)", e);
-    if (!statement) return false;
-    statement->bindText(1, key);
-    statement->bindText(2, value);
-    return statement->run(e);
+    return WriteSetting(*db_, key, value, e);
   };
   bool ok = true;
   if (!read("databaseUUID")) {
-    std::random_device entropy;
-    std::int64_t offset = options.primaryKeyOffset.value_or(
-        std::uniform_int_distribution<std::int64_t>(0, 999)(entropy));
     const char* user = std::getenv("USER");
     std::string username = !options.username.empty() ? options.username : (user ? user : "user");
     ok = write("databaseUUID", MakeUniqueID(), error) &&
-         write("primaryKeyOffset", std::to_string(offset % 1000), error) &&
+         StartPrimaryKeys(*db_, options.primaryKeyOffset, error) &&
          write("customerID", std::to_string(options.customerID), error) &&
-         write("username", username, error) && write("nextKeyBlock", "1", error);
+         write("username", username, error);
   }
   if (!ok || !db_->exec("COMMIT", error)) {
     db_->exec("ROLLBACK", nullptr);
@@ -301,36 +140,12 @@ bool SqliteObjectContext::loadOrCreateMeta(const SqliteCreateOptions& options, E
 }
 
 std::optional<std::string> SqliteObjectContext::setting(const std::string& key) {
-  auto statement = db_->prepare("SELECT value FROM meta WHERE key = ?", nullptr);
-  if (!statement) return std::nullopt;
-  statement->bindText(1, key);
-  if (!statement->step(nullptr)) return std::nullopt;
-  return statement->columnText(0);
+  return ReadSetting(*db_, key);
 }
 
 bool SqliteObjectContext::setSetting(const std::string& key, const std::string& value,
                                      ErrorRef* error) {
-  auto statement = db_->prepare("INSERT OR REPLACE INTO meta(key, value) VALUES (?, ?)", error);
-  if (!statement) return false;
-  statement->bindText(1, key);
-  statement->bindText(2, value);
-  return statement->run(error);
-}
-
-std::optional<std::uint64_t> SqliteObjectContext::nextPrimaryKey(ErrorRef* error) {
-  std::lock_guard lock(mu_);
-  // Blocks of 1000 keys: block n gives the key n * 1000 + offset, so every key this copy
-  // hands out leaves its offset as remainder. The counter is shared by every entity and
-  // advanced in its own transaction so that two processes never take the same block: a
-  // block whose advance was not committed may be another process's, so it is not used.
-  if (!db_->exec("BEGIN IMMEDIATE", error)) return std::nullopt;
-  std::uint64_t block = std::stoull(setting("nextKeyBlock").value_or("1"));
-  if (!setSetting("nextKeyBlock", std::to_string(block + 1), error) ||
-      !db_->exec("COMMIT", error)) {
-    db_->exec("ROLLBACK", nullptr);
-    return std::nullopt;
-  }
-  return block * 1000 + static_cast<std::uint64_t>(primary_key_offset_);
+  return WriteSetting(*db_, key, value, error);
 }
 
 std::shared_ptr<HXRecord> SqliteObjectContext::makeRecord(std::string_view entity_name,
@@ -366,7 +181,7 @@ std::shared_ptr<HXRecord> SqliteObjectContext::createObject(std::string_view ent
   }
   std::uint64_t key = 0;
   if (insert) {
-    std::optional<std::uint64_t> next = nextPrimaryKey(error);
+    std::optional<std::uint64_t> next = TakePrimaryKey(*db_, primary_key_offset_, error);
     if (!next) return nullptr;
     key = *next;
   }
@@ -418,65 +233,7 @@ std::shared_ptr<HXRecord> SqliteObjectContext::recordFromRow(std::string_view en
 }
 
 void SqliteObjectContext::applyRow(HXRecord& record, SqliteStatement& row) {
-  std::map<std::string, int> columns;
-  for (int i = 0; i < row.columnCount(); ++i) columns[row.columnName(i)] = i;
-  auto column = [&columns](const char* name) {
-    auto it = columns.find(name);
-    return it == columns.end() ? -1 : it->second;
-  };
-  auto text = [&](const char* name) { return row.columnText(column(name)); };
-  auto optional_text = [&](const char* name) { return row.columnOptionalText(column(name)); };
-  auto optional_date = [&](const char* name) -> std::optional<Date> {
-    if (row.isNull(column(name))) return std::nullopt;
-    return FromNanoseconds(row.columnInt(column(name)));
-  };
-  if (auto* attachment = dynamic_cast<HXFileAttachment*>(&record)) {
-    attachment->setName(text("name"));
-    attachment->setAttachmentPath(text("attachmentPath"));
-    attachment->setIsRelativePath(row.columnInt(column("isRelativePath")) != 0);
-    attachment->setAttachmentModifyDate(optional_date("attachmentModifyDate"));
-    attachment->setAttachmentCreateDate(optional_date("attachmentCreateDate"));
-    if (row.isNull(column("uploaded"))) {
-      attachment->setUploaded(std::nullopt);
-    } else {
-      attachment->setUploaded(row.columnInt(column("uploaded")) == 1);
-    }
-    attachment->setAttachmentUUID(optional_text("attachmentUUID"));
-    attachment->setInitialAttachmentUUID(optional_text("initialAttachmentUUID"));
-    attachment->setTemporaryPath(optional_text("temporaryPath"));
-    if (row.isNull(column("encryptionData"))) {
-      attachment->setEncryptionData(std::nullopt);
-    } else {
-      attachment->setEncryptionData(row.columnBlob(column("encryptionData")));
-    }
-    if (row.isNull(column("fileAttachmentSchemeID"))) {
-      attachment->setFileAttachmentScheme(nullptr);
-    } else {
-      auto scheme_id = static_cast<std::uint64_t>(row.columnInt(column("fileAttachmentSchemeID")));
-      if (auto scheme = schemeWithPrimaryKey(scheme_id)) {
-        attachment->setFileAttachmentScheme(scheme);
-      } else {
-        attachment->setFileAttachmentSchemeID(scheme_id);
-      }
-    }
-    attachment->setModifyDate(FromNanoseconds(row.columnInt(column("modifyDate"))));
-    // A refresh must drop keys the stored row no longer has.
-    for (const auto& entry : attachment->keyedValues()) {
-      attachment->setObject(std::nullopt, entry.first);
-    }
-    DecodeKeyedValues(text("keyedValues"), *attachment);
-  } else if (auto* scheme = dynamic_cast<HXFileAttachmentScheme*>(&record)) {
-    scheme->setName(text("name"));
-    scheme->setHandlerClassName(text("handlerClassName"));
-    if (!row.isNull(column("infoData"))) scheme->setInfoData(row.columnBlob(column("infoData")));
-  } else if (auto* task = dynamic_cast<HXTask*>(&record)) {
-    task->setTitle(text("title"));
-    task->setDetails(text("details"));
-    task->setDueDate(row.columnInt(column("dueDate")));
-  } else if (auto* email = dynamic_cast<HXEmail*>(&record)) {
-    email->setSubject(text("subject"));
-  }
-  record.clearChanges();
+  ApplyRecordRow(row, record, [this](std::uint64_t key) { return schemeWithPrimaryKey(key); });
 }
 
 std::int64_t SqliteObjectContext::dataVersion() {
@@ -506,31 +263,12 @@ void SqliteObjectContext::refreshAttachment(HXFileAttachment& attachment) {
 }
 
 FetchResults SqliteObjectContext::fetch(const BWPFetchRequest& request, ErrorRef* error) {
-  const BWPFetchSpecification& spec = request.fetchSpecification();
-  const EntityTable* table = TableForEntity(spec.entityName);
-  if (table == nullptr) {
-    Fail(error, HostError(fmt::format("unknown entity \"{}\"", spec.entityName)));
-    return {};
-  }
-  std::string sql = fmt::format("SELECT * FROM {} WHERE 1", table->table);
-  std::vector<KeyValue> arguments;
-  if (spec.qualifier) {
-    sql += " AND ";
-    if (!AppendQualifierSQL(spec.qualifier.get(), sql, arguments, error)) return {};
-  }
-  if (!request.rawSQLWhere().empty()) {
-    sql += fmt::format(" AND ({})", request.rawSQLWhere());
-    arguments.insert(arguments.end(), request.rawSQLArguments().begin(),
-                     request.rawSQLArguments().end());
-  }
-  if (table->has_visibility_flags) {
-    if (!request.overrideTrashSystem()) sql += " AND inTrash = 0";
-    if (!request.overridePermissionsSystem()) sql += " AND hidden = 0";
-  }
-  sql += " ORDER BY _rowid";
+  std::optional<FetchStatement> compiled = CompileFetch(request, error);
+  if (!compiled) return {};
+  const std::vector<KeyValue>& arguments = compiled->arguments;
 
   std::lock_guard lock(mu_);
-  auto statement = db_->prepare(sql, error);
+  auto statement = db_->prepare(compiled->sql, error);
   if (!statement) return {};
   for (std::size_t i = 0; i < arguments.size(); ++i) {
     statement->bind(static_cast<int>(i + 1), arguments[i]);
@@ -540,7 +278,8 @@ FetchResults SqliteObjectContext::fetch(const BWPFetchRequest& request, ErrorRef
   FetchResults results;
   ErrorRef failure;
   while (statement->step(&failure)) {
-    results.push_back(recordFromRow(spec.entityName, *statement, data_version));
+    results.push_back(
+        recordFromRow(request.fetchSpecification().entityName, *statement, data_version));
   }
   if (failure) {
     Fail(error, failure);
@@ -701,99 +440,6 @@ std::vector<std::shared_ptr<HXFileAttachment>> SqliteObjectContext::allAttachmen
   return out;
 }
 
-bool SqliteObjectContext::writeRecord(HXRecord& record, ErrorRef* error) {
-  const std::int64_t key = static_cast<std::int64_t>(record.primaryKeyValue());
-  std::unique_ptr<SqliteStatement> statement;
-  if (auto* a = dynamic_cast<HXFileAttachment*>(&record)) {
-    statement = db_->prepare(
-        "INSERT INTO attachments (_rowid, name, attachmentPath, isRelativePath, "
-        "attachmentModifyDate, attachmentCreateDate, uploaded, attachmentUUID, "
-        "initialAttachmentUUID, temporaryPath, encryptionData, fileAttachmentSchemeID, "
-        "modifyDate, keyedValues) VALUES (?,?,?,?,?,?,?,?,?,?,?,?,?,?) "
-        "ON CONFLICT(_rowid) DO UPDATE SET name=excluded.name, "
-        "attachmentPath=excluded.attachmentPath, isRelativePath=excluded.isRelativePath, "
-        "attachmentModifyDate=excluded.attachmentModifyDate, "
-        "attachmentCreateDate=excluded.attachmentCreateDate, uploaded=excluded.uploaded, "
-        "attachmentUUID=excluded.attachmentUUID, "
-        "initialAttachmentUUID=excluded.initialAttachmentUUID, "
-        "temporaryPath=excluded.temporaryPath, encryptionData=excluded.encryptionData, "
-        "fileAttachmentSchemeID=excluded.fileAttachmentSchemeID, modifyDate=excluded.modifyDate, "
-        "keyedValues=excluded.keyedValues",
-        error);
-    if (!statement) return false;
-    statement->bindInt(1, key);
-    statement->bindText(2, a->name());
-    statement->bindText(3, a->attachmentPath());
-    statement->bindInt(4, a->isRelativePath() ? 1 : 0);
-    auto bind_date = [&](int index, const std::optional<Date>& date) {
-      if (date) {
-        statement->bindInt(index, ToNanoseconds(*date));
-      } else {
-        statement->bindNull(index);
-      }
-    };
-    bind_date(5, a->attachmentModifyDate());
-    bind_date(6, a->attachmentCreateDate());
-    if (std::optional<bool> uploaded = a->uploaded()) {
-      statement->bindInt(7, *uploaded ? 1 : 0);
-    } else {
-      statement->bindNull(7);
-    }
-    statement->bindOptionalText(8, a->attachmentUUID());
-    statement->bindOptionalText(9, a->initialAttachmentUUID());
-    statement->bindOptionalText(10, a->temporaryPath());
-    if (std::optional<Bytes> data = a->encryptionData()) {
-      statement->bindBlob(11, *data);
-    } else {
-      statement->bindNull(11);
-    }
-    if (std::uint64_t scheme_id = a->fileAttachmentSchemeID(); scheme_id != 0) {
-      statement->bindInt(12, static_cast<std::int64_t>(scheme_id));
-    } else {
-      statement->bindNull(12);
-    }
-    statement->bindInt(13, ToNanoseconds(a->modifyDate()));
-    statement->bindText(14, EncodeKeyedValues(a->keyedValues()));
-  } else if (auto* s = dynamic_cast<HXFileAttachmentScheme*>(&record)) {
-    statement = db_->prepare(
-        "INSERT INTO schemes (_rowid, name, handlerClassName, infoData) VALUES (?,?,?,?) "
-        "ON CONFLICT(_rowid) DO UPDATE SET name=excluded.name, "
-        "handlerClassName=excluded.handlerClassName, infoData=excluded.infoData",
-        error);
-    if (!statement) return false;
-    statement->bindInt(1, key);
-    statement->bindText(2, s->name());
-    statement->bindText(3, s->handlerClassName());
-    if (std::optional<Bytes> data = s->infoData()) {
-      statement->bindBlob(4, *data);
-    } else {
-      statement->bindNull(4);
-    }
-  } else if (auto* t = dynamic_cast<HXTask*>(&record)) {
-    statement = db_->prepare(
-        "INSERT INTO tasks (_rowid, title, details, dueDate) VALUES (?,?,?,?) "
-        "ON CONFLICT(_rowid) DO UPDATE SET title=excluded.title, details=excluded.details, "
-        "dueDate=excluded.dueDate",
-        error);
-    if (!statement) return false;
-    statement->bindInt(1, key);
-    statement->bindText(2, t->title());
-    statement->bindText(3, t->details());
-    statement->bindInt(4, t->dueDate());
-  } else if (auto* e = dynamic_cast<HXEmail*>(&record)) {
-    statement = db_->prepare(
-        "INSERT INTO emails (_rowid, subject) VALUES (?,?) "
-        "ON CONFLICT(_rowid) DO UPDATE SET subject=excluded.subject",
-        error);
-    if (!statement) return false;
-    statement->bindInt(1, key);
-    statement->bindText(2, e->subject());
-  } else {
-    return Fail(error, HostError("unknown record type"));
-  }
-  return statement->run(error);
-}
-
 bool SqliteObjectContext::saveChanges(ErrorRef* error) {
   std::lock_guard lock(mu_);
   if (!db_->exec("BEGIN IMMEDIATE", error)) return false;
@@ -806,7 +452,7 @@ bool SqliteObjectContext::saveChanges(ErrorRef* error) {
     for (const auto& [key, record] : records_) {
       if (key.first != entity) continue;
       if (!record->hasChanges() && unsaved_inserts_.count(key) == 0) continue;
-      if (!writeRecord(*record, &failure)) break;
+      if (!WriteRecordRow(*db_, *record, &failure)) break;
       written.push_back(record.get());
     }
     if (failure) break;

@@ -135,8 +135,6 @@ class SqliteObjectContext : public HXObjectContext, public HXInstanceCache {
                                                        int schema_version, ErrorRef* error,
                                                        const SqliteCreateOptions& options);
   bool loadOrCreateMeta(const SqliteCreateOptions& options, ErrorRef* error);
-  // Takes the next block's key in its own transaction; nullopt when that did not commit.
-  std::optional<std::uint64_t> nextPrimaryKey(ErrorRef* error);
   std::shared_ptr<HXRecord> createObject(std::string_view entity_name, bool insert,
                                          ErrorRef* error);
   std::shared_ptr<HXRecord> makeRecord(std::string_view entity_name, std::uint64_t key);
@@ -147,7 +145,6 @@ class SqliteObjectContext : public HXObjectContext, public HXInstanceCache {
   void applyRow(HXRecord& record, SqliteStatement& row);
   // PRAGMA data_version: changes whenever another connection commits; -1 on failure.
   std::int64_t dataVersion();
-  bool writeRecord(HXRecord& record, ErrorRef* error);
   FetchResults fetch(const BWPFetchRequest& request, ErrorRef* error);
 
   const std::filesystem::path data_dir_;
