@@ -247,7 +247,7 @@ void AddVerifyCommand(CLI::App& app, const GlobalOptions& options, int* exit_cod
       ->transform(RecordIDValidator());
   verify->add_flag("--deep", verify_options->deep,
                    "Read the stored bytes whole (the cloud's are also decrypted and hashed)");
-  verify->add_option("--jobs", verify_options->jobs, "Attachments checked at once")
+  verify->add_option("--jobs", verify_options->jobs, "Attachments checked at once (default 4)")
       ->check(CLI::Range(1, 64));
   SetCommandBody(verify, exit_code,
                  [&options, verify_options] { return RunVerify(options, *verify_options); });
