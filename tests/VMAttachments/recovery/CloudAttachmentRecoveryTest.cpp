@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <fstream>
+#include <future>
 #include <set>
 
 #include "VMAttachments/recovery/CloudAttachmentRecovery.h"
@@ -241,9 +242,12 @@ TEST_F(CloudAttachmentRecoveryTest, ACancelledPassStoresNothingMoreAndEndsAbando
   std::atomic<bool> abandoned{false};
   ErrorRef reason;
   bool completed = false;
+  std::promise<void> gave_up;
   RecoveryOptions options;
   // The first store's pause is where the host gives up.
-  options.sleep = [&](std::chrono::microseconds) { cancelled = true; };
+  options.sleep = [&](std::chrono::microseconds) {
+    if (!cancelled.exchange(true)) gave_up.set_value();
+  };
   options.cancelled = [&] { return cancelled.load(); };
   options.abandoned = [&](const ErrorRef& e) {
     reason = e;
@@ -254,6 +258,9 @@ TEST_F(CloudAttachmentRecoveryTest, ACancelledPassStoresNothingMoreAndEndsAbando
       [&](std::uint64_t, std::uint64_t, std::shared_ptr<AttachmentList>,
           std::shared_ptr<AttachmentList>) { completed = true; },
       options);
+  // Only this thread runs the main queue: the first store, queued before the host gave up,
+  // runs after it did.
+  ASSERT_EQ(gave_up.get_future().wait_for(std::chrono::seconds(120)), std::future_status::ready);
   ASSERT_TRUE(runMainQueueUntil([&] { return abandoned.load(); }));
   MainQueue::shared().drainPending();
   EXPECT_FALSE(completed);

@@ -74,7 +74,7 @@ class RecoveryTestHost : public ::testing::Test {
   // Drains the main queue until `done` or 20 seconds passed.
   bool runMainQueueUntil(const std::function<bool()>& done) {
     return MainQueue::shared().runUntilCondition(
-        done, std::chrono::steady_clock::now() + std::chrono::seconds(20));
+        done, std::chrono::steady_clock::now() + std::chrono::seconds(60));
   }
 
   TempDir dir_;
