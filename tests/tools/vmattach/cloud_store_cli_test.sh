@@ -126,17 +126,24 @@ if [ "$mode" = embedded ]; then
 
   # Killed while the PUT runs: the next process lists the upload and completes it.
   head -c 3000000 /dev/urandom >"$work/in/big.bin"
-  echo 200000 >"$work/rate"
-  # The proxy counts every byte it ever forwarded, so the wait is for this upload's own.
-  sleep 0.2
+  # 30 s for the whole PUT: the kill lands well inside it however late the test wakes.
+  echo 100000 >"$work/rate"
+  # The proxy counts every byte it ever forwarded; nothing is sending now, so the count is
+  # final and the wait is for this upload's own bytes.
   before=$(cat "$work/forwarded")
   # vmattach itself, not a shell running it, so that the kill reaches the process.
   "$vmattach" --data-dir "$work/data" store "$work/in/big.bin" --scheme cloud >/dev/null 2>&1 &
   store_pid=$!
-  for _ in $(seq 200); do
-    [ "$(cat "$work/forwarded")" -gt $((before + 400000)) ] 2>/dev/null && break
+  putting=false
+  for _ in $(seq 2400); do
+    if [ "$(cat "$work/forwarded")" -gt $((before + 300000)) ]; then
+      putting=true
+      break
+    fi
+    kill -0 "$store_pid" 2>/dev/null || break
     sleep 0.05
   done
+  check "the upload's PUT runs through the proxy" $putting
   kill -KILL "$store_pid"
   wait "$store_pid" 2>/dev/null
   listed=$(va transfers --json)

@@ -2,7 +2,8 @@
 // the address written in TARGET_FILE ("host:port", read per connection, so the proxy can
 // start before the server it fronts), holds the client-to-server direction to the rate in
 // RATE_FILE (bytes per second, read per chunk; 0 or missing: no limit) and keeps the count
-// of bytes sent upstream in COUNT_FILE; with DOWN_RATE_FILE, holds the other direction to
+// of bytes sent upstream in COUNT_FILE, rewritten (whole, by a rename) as each chunk is
+// forwarded, so that once no connection is sending it holds every byte sent; with DOWN_RATE_FILE, holds the other direction to
 // the rate in it the same way. With CUT_FILE, a connection whose answer passes the number
 // of bytes written there (0 or missing: never) is cut after that many, as a storage
 // provider that goes away mid-download. Prints "listening on 127.0.0.1:PORT".
@@ -61,6 +62,7 @@ const server = net.createServer((client) => {
   client.on('data', (chunk) => {
     upstream.write(chunk);
     forwarded += chunk.length;
+    writeCount();
     const rate = readRate();
     if (rate > 0) {
       client.pause();
@@ -69,7 +71,12 @@ const server = net.createServer((client) => {
   });
 });
 
-setInterval(() => fs.writeFileSync(countFile, String(forwarded)), 100);
+function writeCount() {
+  fs.writeFileSync(`${countFile}.new`, String(forwarded));
+  fs.renameSync(`${countFile}.new`, countFile);
+}
+
+writeCount();
 server.listen(0, '127.0.0.1', () => {
   console.log(`listening on 127.0.0.1:${server.address().port}`);
 });
