@@ -11,6 +11,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
 #include <thread>
 
@@ -32,8 +34,9 @@ using testing::TestBytes;
 constexpr const char* kBucket = "balanced";
 constexpr const char* kHaproxy = "/usr/sbin/haproxy";
 
-// The configuration the README shows, with the ports of this run.
-std::string HaproxyConfig(int front, int first, int second) {
+// The configuration the README shows, with the ports of this run; the front end listens on
+// the socket haproxy inherits as descriptor `front_fd`.
+std::string HaproxyConfig(int front_fd, int first, int second) {
   return fmt::format(R"(defaults
   mode http
   timeout connect 2s
@@ -45,7 +48,7 @@ std::string HaproxyConfig(int front, int first, int second) {
   retry-on conn-failure empty-response
 
 frontend attachments
-  bind 127.0.0.1:{}
+  bind fd@{}
   default_backend vmcloudd
 
 backend vmcloudd
@@ -56,23 +59,43 @@ backend vmcloudd
   server first 127.0.0.1:{}
   server second 127.0.0.1:{}
 )",
-                     front, first, second);
+                     front_fd, first, second);
 }
 
-int FreePort() {
-  int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  int port = 0;
-  if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
-      ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0) {
-    port = ntohs(address.sin_port);
+// A socket bound to a loopback port of the system's choosing and listening, left open across
+// exec so that a child started while it lives inherits it: the port stays taken from the
+// moment it is picked, where a port found free and released could be taken by another
+// process before the child binds it.
+class InheritableListener {
+ public:
+  InheritableListener() {
+    fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    if (fd_ >= 0 && ::bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
+        ::listen(fd_, 128) == 0 &&
+        ::getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length) == 0) {
+      port_ = ntohs(address.sin_port);
+    }
   }
-  ::close(fd);
-  return port;
-}
+  ~InheritableListener() { close(); }
+  InheritableListener(const InheritableListener&) = delete;
+  InheritableListener& operator=(const InheritableListener&) = delete;
+
+  int fd() const { return fd_; }
+  int port() const { return port_; }  // 0 when the socket could not be set up
+  // This process's copy; a child that inherited the socket keeps listening on it.
+  void close() {
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = -1;
+  }
+
+ private:
+  int fd_ = -1;
+  int port_ = 0;
+};
 
 // `call` again once when it got no answer or a 5xx.
 template <class Call>
@@ -107,17 +130,20 @@ TEST(LoadBalancerTest, AKilledInstanceBehindHaproxyLosesNothing) {
         data / "vmcloudd.log", &problem);
     ASSERT_TRUE(instances[i]) << problem;
   }
-  const int front = FreePort();
+  InheritableListener front_socket;
+  ASSERT_NE(front_socket.port(), 0) << std::strerror(errno);
+  const int front = front_socket.port();
   testing::WriteFile(dir / "haproxy.cfg",
-                     HaproxyConfig(front, instances[0]->port(), instances[1]->port()));
+                     HaproxyConfig(front_socket.fd(), instances[0]->port(), instances[1]->port()));
   ErrorRef error;
   auto haproxy = ChildProcess::Start({kHaproxy, "-db", "-f", (dir / "haproxy.cfg").string()},
                                      dir / "haproxy.log", {}, &error);
   ASSERT_TRUE(haproxy) << error->summary();
+  front_socket.close();
   const std::string front_url = "http://127.0.0.1:" + std::to_string(front);
   ApiClient api{front_url, "alpha"};
   // Both instances up and checked: two readiness answers in a row through the balancer.
-  for (int i = 0; i < 500 && Send("GET", front_url + "/readyz").status != 200; ++i) {
+  for (int i = 0; i < 3000 && Send("GET", front_url + "/readyz").status != 200; ++i) {
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
   ASSERT_EQ(Send("GET", front_url + "/readyz").status, 200)
