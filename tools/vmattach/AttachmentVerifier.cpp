@@ -209,8 +209,13 @@ VerifyOutcome StreamStoredBytes(const CloudVerifyTarget& target, const URL& url,
   std::future<void> finished = done->get_future();
   std::shared_ptr<URLSessionTask> task = session->streamingDataTaskWithRequest(
       std::move(request),
-      [check](const std::uint8_t* bytes, std::size_t length) {
-        return check->consume(bytes, length);
+      // The session may release this consumer on its own thread after the answer, even
+      // after the process began to exit; a weak reference keeps the cipher and digest
+      // contexts' destruction on this thread, before OpenSSL's clean-up at exit.
+      [weak_check = std::weak_ptr<StreamCheck>(check)](const std::uint8_t* bytes,
+                                                       std::size_t length) {
+        std::shared_ptr<StreamCheck> live = weak_check.lock();
+        return live && live->consume(bytes, length);
       },
       [answer, done](std::optional<std::vector<std::uint8_t>>,
                      std::shared_ptr<const URLResponse> response, ErrorRef error) {
