@@ -18,3 +18,47 @@ finish() {  # finish LABEL: prints the tally and exits non-zero when a check fai
   echo "$1: $passed passed, $failed failed"
   test "$failed" -eq 0
 }
+
+# Servers the script started (start_server), stopped by stop_server or stop_servers.
+pids=()
+
+# start_server LOG COMMAND...: starts COMMAND in the background, its output in LOG, and
+# waits until it prints "listening on 127.0.0.1:PORT"; sets $port and $server_pid. Fails
+# the script, showing LOG, when the process exits first or the line has not come within
+# 60 s (it returns as soon as the line is there, so the bound only matters under load).
+start_server() {
+  local log=$1 deadline=$((SECONDS + 60)) alive
+  shift
+  "$@" >"$log" 2>&1 &
+  server_pid=$!
+  pids+=("$server_pid")
+  port=""
+  while :; do
+    # Liveness first: a line printed just before the process exited is still read.
+    kill -0 "$server_pid" 2>/dev/null && alive=1 || alive=0
+    port=$(sed -n 's/.*listening on 127\.0\.0\.1:\([0-9]*\).*/\1/p' "$log" | head -1)
+    [ -n "$port" ] && return 0
+    if [ "$alive" = 0 ]; then
+      echo "FAILED: $1 exited before it listened: $(cat "$log")"
+      break
+    elif [ "$SECONDS" -ge "$deadline" ]; then
+      echo "FAILED: $1 did not start within 60 s: $(cat "$log")"
+      break
+    fi
+    sleep 0.1
+  done
+  stop_servers
+  exit 1
+}
+
+stop_server() {  # stop_server PID: stops one server start_server started and waits for it
+  local pid=$1 kept=() p
+  kill "$pid" 2>/dev/null
+  wait "$pid" 2>/dev/null
+  for p in "${pids[@]}"; do [ "$p" = "$pid" ] || kept+=("$p"); done
+  pids=("${kept[@]}")
+}
+
+stop_servers() {  # stops every server still running, for the script's EXIT trap
+  while [ "${#pids[@]}" -gt 0 ]; do stop_server "${pids[0]}"; done
+}

@@ -5,16 +5,9 @@ set -u
 vmattach=$1
 vmcloudd=$2
 work=$(mktemp -d)
-"$vmcloudd" --listen 127.0.0.1:0 --data "$work/service" --token sekrit >"$work/service.log" 2>&1 &
-service=$!
-trap 'kill "$service" 2>/dev/null; wait "$service" 2>/dev/null; rm -rf "$work"' EXIT
 source "$(dirname "$0")/check.sh"
-
-for _ in $(seq 100); do
-  port=$(sed -n 's/^listening on 127\.0\.0\.1:\([0-9]*\)$/\1/p' "$work/service.log")
-  [ -n "$port" ] && break
-  sleep 0.1
-done
+trap 'stop_servers; rm -rf "$work"' EXIT
+start_server "$work/service.log" "$vmcloudd" --listen 127.0.0.1:0 --data "$work/service" --token sekrit
 api=(--api "http://127.0.0.1:$port" --token sekrit)
 head -c 200000 /dev/urandom >"$work/file"
 

@@ -16,30 +16,12 @@ work=$(mktemp -d)
 # The scheme's work and download folders go where the test can look at them.
 export TMPDIR="$work/tmp"
 mkdir -p "$TMPDIR"
-pids=()
 cleanup() {
-  for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null; done
+  stop_servers
   wait 2>/dev/null
   rm -rf "$work"
 }
 trap cleanup EXIT
-
-# start_server LOG COMMAND...: starts a server that prints "listening on 127.0.0.1:PORT"
-# and sets $port, or fails the script.
-start_server() {
-  local log=$1
-  shift
-  "$@" >"$log" 2>&1 &
-  pids+=($!)
-  server_pid=$!
-  for _ in $(seq 150); do
-    port=$(sed -n 's/.*listening on 127\.0\.0\.1:\([0-9]*\).*/\1/p' "$log" | head -1)
-    [ -n "$port" ] && return 0
-    sleep 0.1
-  done
-  echo "FAILED: $1 did not start: $(cat "$log")"
-  exit 1
-}
 
 service_args=(--data "$work/service" --token sekrit)
 if [ "$mode" = s3 ]; then
@@ -158,8 +140,7 @@ if [ "$mode" = embedded ]; then
 fi
 
 # The service is down: the upload fails, stays queued, and completes once it is back.
-kill "$service_pid"
-wait "$service_pid" 2>/dev/null
+stop_server "$service_pid"
 printf 'written while offline\n' >"$work/in/offline.txt"
 va store "$work/in/offline.txt" --scheme cloud >"$work/out.txt" 2>"$work/err"
 check "a store while the service is down exits non-zero" test $? -ne 0

@@ -5,29 +5,14 @@ set -u
 vmattach=$1
 vmcloudd=$2
 work=$(mktemp -d)
-service=""
-trap '[ -n "$service" ] && kill "$service" 2>/dev/null; wait 2>/dev/null; rm -rf "$work"' EXIT
 source "$(dirname "$0")/check.sh"
+trap 'stop_servers; wait 2>/dev/null; rm -rf "$work"' EXIT
 
-# start_service: starts vmcloudd on $work/service and sets $port, or fails the script.
-start_service() {
-  : >"$work/service.log"
-  "$vmcloudd" --listen 127.0.0.1:0 --data "$work/service" --token sekrit >"$work/service.log" 2>&1 &
-  service=$!
-  port=""
-  for _ in $(seq 100); do
-    port=$(sed -n 's/^listening on 127\.0\.0\.1:\([0-9]*\)$/\1/p' "$work/service.log")
-    [ -n "$port" ] && return 0
-    sleep 0.1
-  done
-  echo "vmcloudd did not start: $(cat "$work/service.log")"
-  exit 1
+start_service() {  # starts vmcloudd on $work/service and sets $port, or fails the script
+  start_server "$work/service.log" "$vmcloudd" --listen 127.0.0.1:0 --data "$work/service" \
+    --token sekrit
 }
-stop_service() {
-  kill "$service"
-  wait "$service" 2>/dev/null
-  service=""
-}
+stop_service() { stop_servers; }
 
 # The service's data folder and records are its owner's alone, and tightened when found
 # wider.

@@ -13,29 +13,12 @@ source "$here/check.sh"
 work=$(mktemp -d)
 export TMPDIR="$work/tmp"
 mkdir -p "$TMPDIR" "$work/in" "$work/out"
-pids=()
 cleanup() {
-  for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null; done
+  stop_servers
   wait 2>/dev/null
   rm -rf "$work"
 }
 trap cleanup EXIT
-
-# start_server LOG COMMAND...: starts a server that prints "listening on 127.0.0.1:PORT"
-# and sets $port, or fails the script.
-start_server() {
-  local log=$1
-  shift
-  "$@" >"$log" 2>&1 &
-  pids+=($!)
-  for _ in $(seq 150); do
-    port=$(sed -n 's/.*listening on 127\.0\.0\.1:\([0-9]*\).*/\1/p' "$log" | head -1)
-    [ -n "$port" ] && return 0
-    sleep 0.1
-  done
-  echo "FAILED: $1 did not start: $(cat "$log")"
-  exit 1
-}
 
 echo 0 >"$work/up"
 echo 0 >"$work/down"

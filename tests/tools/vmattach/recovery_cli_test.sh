@@ -6,31 +6,14 @@ set -u
 vmattach=$1
 vmcloudd=$2
 work=$(mktemp -d)
-service=""
-stop_service() {
-  if [ -n "$service" ]; then
-    kill "$service" 2>/dev/null
-    wait "$service" 2>/dev/null
-    service=""
-  fi
-}
-trap 'stop_service; rm -rf "$work"' EXIT
 debug=${RECOVERY_DEBUG_DIR:-}
 source "$(dirname "$0")/check.sh"
+stop_service() { stop_servers; }
+trap 'stop_servers; rm -rf "$work"' EXIT
 
 start_service() {  # start_service PORT: 0 picks a free port; sets $port
-  : >"$work/service.log"
-  "$vmcloudd" --listen "127.0.0.1:$1" --data "$work/service" --token sekrit \
-    >"$work/service.log" 2>&1 &
-  service=$!
-  port=""
-  for _ in $(seq 100); do
-    port=$(sed -n 's/^listening on 127\.0\.0\.1:\([0-9]*\)$/\1/p' "$work/service.log")
-    [ -n "$port" ] && return 0
-    sleep 0.1
-  done
-  echo "vmcloudd did not start: $(cat "$work/service.log")"
-  exit 1
+  start_server "$work/service.log" "$vmcloudd" --listen "127.0.0.1:$1" --data "$work/service" \
+    --token sekrit
 }
 
 # The service's address is learnt first, so that the stores below can name it while it is

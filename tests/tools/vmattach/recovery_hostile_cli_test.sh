@@ -5,19 +5,9 @@ set -u
 vmattach=$1
 vmcloudd=$2
 work=$(mktemp -d)
-service=""
-trap 'if [ -n "$service" ]; then kill "$service"; wait "$service"; fi 2>/dev/null; rm -rf "$work"' EXIT
 source "$(dirname "$0")/check.sh"
-
-"$vmcloudd" --listen 127.0.0.1:0 --data "$work/service" --token sekrit >"$work/service.log" 2>&1 &
-service=$!
-port=""
-for _ in $(seq 100); do
-  port=$(sed -n 's/^listening on 127\.0\.0\.1:\([0-9]*\)$/\1/p' "$work/service.log")
-  [ -n "$port" ] && break
-  sleep 0.1
-done
-[ -n "$port" ] || { echo "vmcloudd did not start: $(cat "$work/service.log")"; exit 1; }
+trap 'stop_servers; rm -rf "$work"' EXIT
+start_server "$work/service.log" "$vmcloudd" --listen 127.0.0.1:0 --data "$work/service" --token sekrit
 
 # The cache folder of UUID U is data/cache/<first two of U>/U: "../../private" names
 # $work/home/private, beside the data folder.

@@ -13,14 +13,8 @@ source "$here/check.sh"
 work=$(mktemp -d)
 export TMPDIR="$work/tmp"
 mkdir -p "$TMPDIR"
-"$vmcloudd" --listen 127.0.0.1:0 --data "$work/service" --token sekrit >"$work/service.log" 2>&1 &
-service=$!
-trap 'kill "$service" 2>/dev/null; wait "$service" 2>/dev/null; rm -rf "$work"' EXIT
-for _ in $(seq 150); do
-  port=$(sed -n 's/^listening on 127\.0\.0\.1:\([0-9]*\)$/\1/p' "$work/service.log")
-  [ -n "$port" ] && break
-  sleep 0.1
-done
+trap 'stop_servers; rm -rf "$work"' EXIT
+start_server "$work/service.log" "$vmcloudd" --listen 127.0.0.1:0 --data "$work/service" --token sekrit
 
 va() { "$vmattach" --data-dir "$work/data" "$@"; }
 # status_of ID: the status verify --json gave that id (in $work/out).
@@ -96,8 +90,7 @@ mv "$work/storage.away" "$work/storage"
 sqlite3 "$work/data/attachments.sqlite" "UPDATE attachments SET uploaded=1 WHERE _rowid=$cloud_file"
 
 # The service down: unreachable, and the local schemes still answer.
-kill "$service"
-wait "$service" 2>/dev/null
+stop_servers
 va verify "$cloud_file" "$ref" --json >"$work/out"
 check "the service down exits 1" test $? -eq 1
 check "and is unreachable" test "$(status_of "$cloud_file")" = unreachable
