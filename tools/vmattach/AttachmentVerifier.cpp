@@ -59,27 +59,34 @@ class Sha1 {
   EVP_MD_CTX* ctx_;
 };
 
-// Opens one file for reading (and reads it whole when `deep`); nullopt when it is fine.
+bool IsGone(int code) { return code == ENOENT || code == ENOTDIR || code == ESTALE; }
+
+// Opens one file and reads its first byte, or all of it when `deep`; nullopt when it is
+// fine. Opening alone proves little on a share: its mount may still list a file the
+// server no longer has, and open it without asking the server until the first read.
 std::optional<VerifyOutcome> CheckFile(const fs::path& path, bool deep) {
   ScopedFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   if (!fd.valid()) {
     int code = errno;
-    if (code == ENOENT || code == ENOTDIR) {
+    if (IsGone(code)) {
       return Outcome(VerifyStatus::kMissing, fmt::format("{} is not there", path.string()));
     }
     return Outcome(VerifyStatus::kMissing,
                    fmt::format("{} cannot be read: {}", path.string(), std::strerror(code)));
   }
-  if (!deep) return std::nullopt;
-  std::vector<std::uint8_t> chunk(kReadChunk);
+  std::vector<std::uint8_t> chunk(deep ? kReadChunk : 1);
   for (;;) {
     ssize_t got = ::read(fd.get(), chunk.data(), chunk.size());
-    if (got == 0) return std::nullopt;
     if (got < 0 && errno == EINTR) continue;
     if (got < 0) {
+      int code = errno;
+      if (IsGone(code)) {
+        return Outcome(VerifyStatus::kMissing, fmt::format("{} is no longer there", path.string()));
+      }
       return Outcome(VerifyStatus::kCorrupt, fmt::format("{} cannot be read through: {}",
-                                                         path.string(), std::strerror(errno)));
+                                                         path.string(), std::strerror(code)));
     }
+    if (got == 0 || !deep) return std::nullopt;
   }
 }
 

@@ -38,8 +38,9 @@ struct VerifyOutcome {
   std::string detail;  // in words, for a person
 };
 
-// A stored file or folder: there and readable (each file of a folder opened). `deep`
-// reads every byte of every file, in pieces of at most 1 MiB.
+// A stored file or folder: there and readable (the first byte of each file read, since a
+// share's mount may open a file its server no longer has). `deep` reads every byte of
+// every file, in pieces of at most 1 MiB. A file that vanishes while read is missing.
 VerifyOutcome VerifyStoredPath(const std::filesystem::path& path, bool deep);
 
 // What the cloud check needs of a row.

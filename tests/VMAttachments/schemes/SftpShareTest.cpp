@@ -7,6 +7,8 @@
 #include <unistd.h>
 
 #include <fstream>
+#include <map>
+#include <sstream>
 
 #include "platform/Subprocess.h"
 #include "tests/VMAttachments/schemes/ShareServerSupport.h"
@@ -154,6 +156,83 @@ TEST_F(SftpShareTest, MountsOnlyAServerWhoseHostKeyIsKnownAndUnchanged) {
   EXPECT_FALSE(changed.succeeded());
   EXPECT_NE(changed.err.find("differs from the one recorded"), std::string::npos) << changed.err;
   EXPECT_EQ(testing::MountsUnder(vmattach.mountFolder()), std::vector<std::string>{});
+}
+
+// What `verify` says of files stored on a share: ok while they are there (read whole with
+// --deep), missing once one is gone from the server, unreachable when the share cannot be
+// mounted; and it writes nothing in the temporary folder or the attachment cache.
+TEST_F(SftpShareTest, VerifyReportsTheSharesStateWritingNothing) {
+  VmattachRunner vmattach(dir_ / "data", dir_ / "xdg");
+  ASSERT_TRUE(vmattach.available()) << "VMATTACH must name the vmattach program";
+  fs::create_directories(dir_ / "tmp");
+  WriteFile(dir_ / "known_hosts", "");
+  const std::map<std::string, std::string> env{{"TMPDIR", (dir_ / "tmp").string()}};
+  auto run = [&](std::vector<std::string> args) { return vmattach.run(std::move(args), env); };
+  ProcessResult added =
+      run({"scheme", "add", "ssh", "--type", "afp", "--server", Server(), "--user", user_,
+           "--identity", (dir_ / "user_key").string(), "--known-hosts",
+           (dir_ / "known_hosts").string(), "--accept-host-key"});
+  ASSERT_TRUE(added.succeeded()) << added.err;
+  WriteFile(dir_ / "src" / "kept.bin", std::string(2 * 1024 * 1024 + 7, 'k'));
+  WriteFile(dir_ / "src" / "gone.txt", "removed from the server later");
+  std::string ids[2];
+  for (int i = 0; i < 2; ++i) {
+    ProcessResult stored =
+        run({"store", (dir_ / "src" / (i == 0 ? "kept.bin" : "gone.txt")).string(), "--scheme",
+             "ssh", "--path", "box"});
+    ASSERT_TRUE(stored.succeeded()) << stored.err;
+    ids[i] = Trimmed(stored.out);
+  }
+  // Every path under the temporary folder and the cache, with its size and time.
+  auto snapshot = [&] {
+    std::string out;
+    for (const fs::path& root : {dir_ / "tmp", dir_ / "data" / "cache"}) {
+      std::error_code ec;
+      for (fs::recursive_directory_iterator it(root, ec), end; !ec && it != end; it.increment(ec)) {
+        struct stat st {};
+        ::lstat(it->path().c_str(), &st);
+        out += it->path().string() + " " + std::to_string(st.st_size) + " " +
+               std::to_string(st.st_mtim.tv_sec) + "." + std::to_string(st.st_mtim.tv_nsec) + "\n";
+      }
+    }
+    return out;
+  };
+  // The status verify gave `id` ("id\tscheme\tstatus\tdetail" lines).
+  auto status = [](const ProcessResult& result, const std::string& id) {
+    std::istringstream lines(result.out);
+    for (std::string line; std::getline(lines, line);) {
+      if (line.rfind(id + "\t", 0) != 0) continue;
+      std::size_t from = line.find('\t', id.size() + 1) + 1;
+      return line.substr(from, line.find('\t', from) - from);
+    }
+    return std::string("absent");
+  };
+  const std::string before = snapshot();
+
+  for (const char* depth : {"--jobs=1", "--deep"}) {
+    SCOPED_TRACE(depth);
+    ProcessResult intact = run({"verify", depth});
+    EXPECT_EQ(intact.exit_status, 0) << intact.out << intact.err;
+    EXPECT_EQ(status(intact, ids[0]) + " " + status(intact, ids[1]), "ok ok") << intact.out;
+  }
+
+  fs::remove(dir_ / "share" / "box" / "gone.txt");
+  for (const char* depth : {"--jobs=1", "--deep"}) {
+    SCOPED_TRACE(depth);
+    ProcessResult removed = run({"verify", depth});
+    EXPECT_EQ(removed.exit_status, 1) << removed.out << removed.err;
+    EXPECT_EQ(status(removed, ids[0]) + " " + status(removed, ids[1]), "ok missing") << removed.out;
+  }
+
+  // The server goes away and the mount's process dies with it: nothing can be mounted.
+  sshd_->stop();
+  std::vector<std::string> mounts = testing::MountsUnder(vmattach.mountFolder());
+  ASSERT_EQ(mounts.size(), 1u);
+  ASSERT_TRUE(testing::KillMountDaemon(mounts[0]));
+  ProcessResult down = run({"verify", ids[0]});
+  EXPECT_EQ(down.exit_status, 1) << down.out << down.err;
+  EXPECT_EQ(status(down, ids[0]), "unreachable") << down.out;
+  EXPECT_EQ(snapshot(), before);
 }
 
 }  // namespace
