@@ -22,6 +22,7 @@
 #include "platform/KeyedArchive.h"
 #include "platform/SafeNames.h"
 #include "platform/UniqueID.h"
+#include "tools/vmattach/AttachmentIO.h"
 #include "tools/vmattach/Host.h"
 #include "tools/vmattach/ShareCommands.h"
 #include "tools/vmattach/TransferCommands.h"
@@ -55,24 +56,6 @@ struct AttachmentOptions {
 
 ErrorRef ToolError(std::int64_t code, std::string description) {
   return Error::WithDescription(kVMFileAttachmentDomain, code, description);
-}
-
-// Handlers that answer within the call and send no outcome for a store.
-bool IsSynchronousScheme(const std::string& class_name) {
-  return class_name == VMFileReferenceAttachment::kClassName ||
-         class_name == VMLocalFileReferenceScheme::kClassName;
-}
-
-// Why FILE cannot be stored, or empty when it can. A file reference records any path; the
-// other schemes copy bytes, which only a regular file or a folder has to give (a FIFO
-// would wait for a writer forever, a device never ends).
-std::string CheckStoreSource(const std::string& file, bool reference) {
-  if (file.empty()) return "FILE is empty: name a file to store";
-  if (reference) return {};
-  struct stat st;
-  if (stat(ExpandTildeInPath(file).c_str(), &st) != 0) return {};  // the scheme reports it
-  if (S_ISREG(st.st_mode) || S_ISDIR(st.st_mode)) return {};
-  return fmt::format("{} is not a regular file or a folder: only those can be stored", file);
 }
 
 // Fails with code 500 ("scheme not found") and reports it to the attachment telemetry.
@@ -247,62 +230,8 @@ int RunStore(const GlobalOptions& options, const AttachmentOptions& store) {
     return ReportFailure(problem);
   }
 
-  bool reference = IsSynchronousScheme(handler->className());
-  if (std::string problem = CheckStoreSource(store.file, reference); !problem.empty()) {
-    return ReportFailure(problem);
-  }
-
-  auto attachment = context->insertAttachment(&error);
-  if (!attachment) return ReportFailure(error);
-  std::filesystem::path source;
-  if (store.file[0] == '~') {
-    // Kept as typed, so that the reference follows the home folder of whoever opens it.
-    attachment->setAttachmentPath(store.file);
-    attachment->setIsRelativePath(true);
-    source = ExpandTildeInPath(store.file);
-  } else {
-    std::error_code ec;
-    source = std::filesystem::absolute(store.file, ec).lexically_normal();
-    if (ec) return ReportFailure(PosixError(ec, store.file));
-    attachment->setAttachmentPath(source.string());
-  }
-  attachment->setName(source.filename().string());
-  attachment->setAttachmentUUID(ToLower(MakeUniqueID()));
-  attachment->setFileAttachmentScheme(scheme);
-  attachment->updateMissingDetailsFromURL(source);
-  auto delegate = std::make_shared<CommandDelegate>("store");
-  attachment->setDelegate(delegate);
-
-  std::string relative = store.path;
-  if (relative.empty()) {
-    if (auto cache = HXAttachmentCache::sharedCache()) {
-      relative = cache->relativeFilePathForObject(*attachment);
-    }
-  }
-  if (QueuesTransfers(*handler)) {
-    return StoreThroughTransfer(*context, attachment, *handler, source, relative, options);
-  }
-  if (!handler->storeFile(source, relative, attachment, delegate, &error)) {
-    return ReportTransferFailure(error ? error : delegate->error(), handler.get(), *attachment);
-  }
-  if (!reference) {
-    if (!delegate->waitForOutcome(kTransferTimeout)) {
-      return ReportFailure("the store did not finish in time");
-    }
-    if (!delegate->finished()) {
-      return ReportTransferFailure(delegate->error(), handler.get(), *attachment);
-    }
-  }
-  if (handler->className() == VMAFPAttachment::kClassName && !store.path.empty()) {
-    // The share keeps the file under the folder asked for; retrieval asks the cache.
-    SqliteAttachmentCache::RememberShareFolder(*attachment, relative);
-  }
-  if (handler->className() == VMArchiverAttachment::kClassName) {
-    // The archiver finds an attachment by its path relative to the storage folder.
-    attachment->setAttachmentPath(AppendPathComponent(relative, attachment->name()).string());
-  }
-  // Only a stored attachment is written: a failed store leaves the database as it was.
-  if (!context->saveChanges(&error)) return ReportFailure(error);
+  auto attachment = StoreNewAttachment(*context, scheme, handler, store.file, store.path);
+  if (!attachment) return 1;
   if (options.json) {
     PrintJSON(AttachmentToJSON(*attachment));
   } else {
@@ -348,44 +277,12 @@ int RunRetrieve(const GlobalOptions& options, const AttachmentOptions& retrieve)
       !problem.empty()) {
     return ReportFailure(problem);
   }
-  std::filesystem::path destination = retrieve.to;
-  std::error_code ec;
-  std::filesystem::create_directories(destination, ec);
-  if (ec) return ReportFailure(PosixError(ec, destination));
-  // The schemes that copy replace a same-named entry; a person's file there is kept unless
-  // they asked. A name that would leave the folder is the scheme's to refuse.
-  const std::string& name = loaded.attachment->name();
-  if (!retrieve.force && !IsSynchronousScheme(loaded.handler->className()) &&
-      !CheckFileName(name, "attachment name")) {
-    struct stat st;
-    if (lstat((destination / name).c_str(), &st) == 0) {
-      ErrorRef exists = PosixError(EEXIST, destination / name);
-      return ReportFailure(Error::WithDescription(
-          exists->domain(), exists->code(),
-          fmt::format("{}; pass --force to replace it", exists->localizedDescription())));
-    }
-  }
-
-  if (QueuesTransfers(*loaded.handler)) {
-    return RetrieveThroughCache(*loaded.context, loaded.attachment, *loaded.handler, destination,
-                                retrieve.force, options);
-  }
-  auto delegate = std::make_shared<CommandDelegate>("retrieve");
-  loaded.attachment->setDelegate(delegate);
-  ErrorRef error;
-  if (!loaded.handler->retrieveAttachment(loaded.attachment, destination, delegate, &error)) {
-    return ReportTransferFailure(error ? error : delegate->error(), loaded.handler.get(),
-                                 *loaded.attachment);
-  }
-  if (!delegate->done() && !delegate->waitForOutcome(kTransferTimeout)) {
-    return ReportFailure("the retrieval did not finish in time");
-  }
-  if (!delegate->finished()) {
-    return ReportTransferFailure(delegate->error(), loaded.handler.get(), *loaded.attachment);
-  }
-  if (!loaded.context->saveChanges(&error)) return ReportFailure(error);
+  std::optional<std::filesystem::path> destination = RetrieveAttachment(
+      *loaded.context, loaded.attachment, loaded.handler, retrieve.to, retrieve.force);
+  if (!destination) return 1;
   if (options.json) {
-    PrintJSON({{"id", retrieve.id}, {"status", "finished"}, {"destination", destination.string()}});
+    PrintJSON(
+        {{"id", retrieve.id}, {"status", "finished"}, {"destination", destination->string()}});
   } else {
     fmt::print("finished\n");
   }

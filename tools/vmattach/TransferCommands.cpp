@@ -44,6 +44,20 @@ constexpr char kAsideSuffix[] = ".previous";
 
 void PrintJSON(const nlohmann::json& value) { std::cout << value.dump(2) << "\n"; }
 
+// Reports `what` as ReportFailure does, and returns false.
+template <typename What>
+bool Refused(const What& what) {
+  ReportFailure(what);
+  return false;
+}
+
+// Reports `what` as ReportFailure does, for a retrieval that made no copy.
+template <typename What>
+std::nullopt_t NotRetrieved(const What& what) {
+  ReportFailure(what);
+  return std::nullopt;
+}
+
 std::string OperationName(std::uint64_t type) {
   switch (type) {
     case kTransferOperationUpload:
@@ -474,10 +488,10 @@ bool QueuesTransfers(const HXFileAttachmentSchemeHandler& handler) {
   return dynamic_cast<const VMAttachmentTransferHandlerProtocol*>(&handler) != nullptr;
 }
 
-int StoreThroughTransfer(SqliteObjectContext& context,
-                         const std::shared_ptr<HXFileAttachment>& attachment,
-                         HXFileAttachmentSchemeHandler& handler, const fs::path& source,
-                         const std::string& relative_path, const GlobalOptions& options) {
+bool StoreThroughTransfer(SqliteObjectContext& context,
+                          const std::shared_ptr<HXFileAttachment>& attachment,
+                          HXFileAttachmentSchemeHandler& handler, const fs::path& source,
+                          const std::string& relative_path) {
   ReclaimAbandonedFiles(context);
   auto delegate = std::make_shared<CommandDelegate>("store");
   attachment->setDelegate(delegate);
@@ -486,16 +500,16 @@ int StoreThroughTransfer(SqliteObjectContext& context,
   bool stored = handler.storeFile(source, relative_path, attachment, delegate, &error);
   // The scheme is done with its work folder once the call returned.
   Manager(context).removeStoreWorkFolder(work_uuid);
-  if (!stored) return ReportFailure(error ? error : delegate->error());
+  if (!stored) return Refused(error ? error : delegate->error());
   // The record and its upload are saved together before anything leaves the machine, so
   // that an interrupted upload can be resumed by a later process.
-  if (!context.saveChanges(&error)) return ReportFailure(error);
+  if (!context.saveChanges(&error)) return Refused(error);
   const std::uint64_t id = attachment->primaryKeyValue();
   TransferList uploads;
   for (const auto& transfer : TransfersOf(context, id)) {
     if (transfer->operationType() == kTransferOperationUpload) uploads.push_back(transfer);
   }
-  if (uploads.empty()) return ReportFailure("the scheme registered no upload");
+  if (uploads.empty()) return Refused("the scheme registered no upload");
   // The cache copy is made while the upload runs: one is bound by the disk, the other by
   // the network, so together they take little longer than the upload alone. It is staged
   // under a name of its own, because a finished upload moves the attachment's cache
@@ -549,38 +563,32 @@ int StoreThroughTransfer(SqliteObjectContext& context,
   for (const Outcome& outcome : outcomes) {
     if (outcome.error) {
       ReportFailure(outcome.error);
-      return ReportFailure(ResumeHint(id));
+      return Refused(ResumeHint(id));
     }
   }
-  if (!context.saveChanges(&error)) return ReportFailure(error);
-  if (options.json) {
-    PrintJSON(AttachmentToJSON(*attachment));
-  } else {
-    fmt::print("{}\n", id);
-  }
-  return 0;
+  return context.saveChanges(&error) || Refused(error);
 }
 
 namespace {
 
-int RetrieveAndCopy(SqliteObjectContext& context,
-                    const std::shared_ptr<HXFileAttachment>& attachment,
-                    HXFileAttachmentSchemeHandler& handler, const fs::path& destination,
-                    bool replace, const GlobalOptions& options) {
+std::optional<fs::path> RetrieveAndCopy(SqliteObjectContext& context,
+                                        const std::shared_ptr<HXFileAttachment>& attachment,
+                                        HXFileAttachmentSchemeHandler& handler,
+                                        const fs::path& destination, bool replace) {
   const std::string name = attachment->name();
-  if (ErrorRef refused = CheckFileName(name, "attachment name")) return ReportFailure(refused);
+  if (ErrorRef refused = CheckFileName(name, "attachment name")) return NotRetrieved(refused);
   const fs::path target = destination / name;
   std::error_code ec;
   ErrorRef error;
   if (!replace && fs::exists(fs::symlink_status(target, ec))) {
-    return ReportFailure(PosixError(EEXIST, target));
+    return NotRetrieved(PosixError(EEXIST, target));
   }
   const fs::path cached = CacheFolder(*attachment);
-  if (cached.empty()) return ReportFailure("no attachment cache");
+  if (cached.empty()) return NotRetrieved("no attachment cache");
   // The scheme downloads into the cache folder; an older copy is set aside so that the
   // result is the only item there, and comes back if the download fails.
   CachedCopySetAside set_aside;
-  if (!set_aside.setAside(cached, &error)) return ReportFailure(error);
+  if (!set_aside.setAside(cached, &error)) return NotRetrieved(error);
   auto restore = [&] { set_aside.restore(); };
 
   auto delegate = std::make_shared<CommandDelegate>("retrieve");
@@ -589,15 +597,15 @@ int RetrieveAndCopy(SqliteObjectContext& context,
     // Some refusals arrive on the main queue after the call returned.
     if (!error) delegate->waitForOutcome(std::chrono::seconds(5));
     restore();
-    return ReportFailure(error ? error : delegate->error());
+    return NotRetrieved(error ? error : delegate->error());
   }
   if (!delegate->done() && !delegate->waitForOutcome(kTransferTimeout)) {
     restore();
-    return ReportFailure("the retrieval did not finish in time");
+    return NotRetrieved("the retrieval did not finish in time");
   }
   if (!delegate->finished()) {
     restore();
-    return ReportFailure(delegate->error());
+    return NotRetrieved(delegate->error());
   }
   // A plain file ends as cache folder / name; an archive is unpacked into a folder of its
   // own there.
@@ -605,45 +613,39 @@ int RetrieveAndCopy(SqliteObjectContext& context,
   if (!fs::exists(fs::symlink_status(result, ec))) {
     result.clear();
     for (const auto& entry : fs::directory_iterator(cached, ec)) {
-      if (!result.empty()) return ReportFailure("the cache holds more than the retrieved copy");
+      if (!result.empty()) return NotRetrieved("the cache holds more than the retrieved copy");
       result = entry.path();
     }
   }
-  if (result.empty()) return ReportFailure("the retrieved copy is not in the cache");
+  if (result.empty()) return NotRetrieved("the retrieved copy is not in the cache");
   // The older copy is no longer needed; it goes beside the copy out.
   std::jthread remove_aside = set_aside.drop();
   // Flushed before it takes its name, so that a crash after "finished" never leaves a
   // short file under the name, nor with --replace a short file in place of the one it
   // replaced.
-  if (!CopyIntoPlace(result, target, replace, &error)) return ReportFailure(error);
-  if (!context.saveChanges(&error)) return ReportFailure(error);
-  if (options.json) {
-    PrintJSON({{"id", attachment->primaryKeyValue()},
-               {"status", "finished"},
-               {"destination", target.string()}});
-  } else {
-    fmt::print("finished\n");
-  }
-  return 0;
+  if (!CopyIntoPlace(result, target, replace, &error)) return NotRetrieved(error);
+  if (!context.saveChanges(&error)) return NotRetrieved(error);
+  return target;
 }
 
 }  // namespace
 
-int RetrieveThroughCache(SqliteObjectContext& context,
-                         const std::shared_ptr<HXFileAttachment>& attachment,
-                         HXFileAttachmentSchemeHandler& handler, const fs::path& destination,
-                         bool replace, const GlobalOptions& options) {
+std::optional<fs::path> RetrieveThroughCache(SqliteObjectContext& context,
+                                             const std::shared_ptr<HXFileAttachment>& attachment,
+                                             HXFileAttachmentSchemeHandler& handler,
+                                             const fs::path& destination, bool replace) {
   ReclaimAbandonedFiles(context);
-  const int status = RetrieveAndCopy(context, attachment, handler, destination, replace, options);
+  std::optional<fs::path> copy =
+      RetrieveAndCopy(context, attachment, handler, destination, replace);
   // A failed download stays registered, with nothing of it left on the disk.
-  if (status != 0) {
+  if (!copy) {
     for (const auto& transfer : TransfersOf(context, attachment->primaryKeyValue())) {
       Manager(context).removeEmptyDownloadFolders(*transfer);
     }
   }
   // The scheme leaves its emptied decryption folder behind.
   ReclaimAbandonedWorkFiles(context.databaseUUID());
-  return status;
+  return copy;
 }
 
 void AddTransferCommands(CLI::App& app, const GlobalOptions& options, int* exit_code) {

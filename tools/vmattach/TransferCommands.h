@@ -4,6 +4,8 @@
 #include <CLI/CLI.hpp>
 #include <filesystem>
 #include <memory>
+#include <optional>
+#include <string>
 
 #include "tools/vmattach/Command.h"
 
@@ -30,23 +32,20 @@ bool QueuesTransfers(const HXFileAttachmentSchemeHandler& handler);
 // `store` through such a scheme, as a desktop host does it: storeFile prepares and
 // registers the upload; the record and its transfer are saved; a copy of `source` goes
 // into the attachment's cache folder; the upload is resumed at once and waited for.
-// Prints the result and returns the exit code. A failed upload keeps its transfer and
-// says how to resume it.
-int StoreThroughTransfer(SqliteObjectContext& context,
-                         const std::shared_ptr<HXFileAttachment>& attachment,
-                         HXFileAttachmentSchemeHandler& handler,
-                         const std::filesystem::path& source, const std::string& relative_path,
-                         const GlobalOptions& options);
+// False with the failure reported on stderr; prints nothing else. A failed upload keeps
+// its transfer and says how to resume it.
+bool StoreThroughTransfer(SqliteObjectContext& context,
+                          const std::shared_ptr<HXFileAttachment>& attachment,
+                          HXFileAttachmentSchemeHandler& handler,
+                          const std::filesystem::path& source, const std::string& relative_path);
 
 // `retrieve` through such a scheme: the scheme downloads into the attachment's cache
 // folder; the result (a file or an unpacked folder) is then copied into `destination`
 // under the attachment's name; an existing item there is refused (EEXIST) unless
-// `replace`. Prints the result and returns the exit code.
-int RetrieveThroughCache(SqliteObjectContext& context,
-                         const std::shared_ptr<HXFileAttachment>& attachment,
-                         HXFileAttachmentSchemeHandler& handler,
-                         const std::filesystem::path& destination, bool replace,
-                         const GlobalOptions& options);
+// `replace`. The copy made, or nullopt with the failure reported on stderr.
+std::optional<std::filesystem::path> RetrieveThroughCache(
+    SqliteObjectContext& context, const std::shared_ptr<HXFileAttachment>& attachment,
+    HXFileAttachmentSchemeHandler& handler, const std::filesystem::path& destination, bool replace);
 
 }  // namespace vm::vmattach
 

@@ -1,0 +1,176 @@
+#include "tools/vmattach/AttachmentIO.h"
+
+#include <fmt/format.h>
+#include <sys/stat.h>
+
+#include "VMAttachments/schemes/ShareSchemes.h"
+#include "VMAttachments/schemes/VMAFPAttachment.h"
+#include "VMAttachments/schemes/VMArchiverAttachment.h"
+#include "VMAttachments/schemes/VMFileReferenceAttachment.h"
+#include "host/HXAttachmentCache.h"
+#include "host/HXFileAttachmentScheme.h"
+#include "host/sqlite/SqliteAttachmentCache.h"
+#include "host/sqlite/SqliteObjectContext.h"
+#include "platform/SafeNames.h"
+#include "platform/UniqueID.h"
+#include "tools/vmattach/Host.h"
+#include "tools/vmattach/ShareCommands.h"
+#include "tools/vmattach/TransferCommands.h"
+
+namespace vm::vmattach {
+namespace {
+
+constexpr auto kTransferTimeout = std::chrono::seconds(600);
+
+// Report `what` as ReportFailure does, for a store that gave no record or a retrieval that
+// made no copy.
+template <typename What>
+std::nullptr_t NotStored(const What& what) {
+  ReportFailure(what);
+  return nullptr;
+}
+template <typename What>
+std::nullopt_t NotRetrieved(const What& what) {
+  ReportFailure(what);
+  return std::nullopt;
+}
+
+}  // namespace
+
+bool IsSynchronousScheme(const std::string& class_name) {
+  return class_name == VMFileReferenceAttachment::kClassName ||
+         class_name == VMLocalFileReferenceScheme::kClassName;
+}
+
+// A file reference records any path; the other schemes copy bytes, which only a regular
+// file or a folder has to give (a FIFO would wait for a writer forever, a device never
+// ends).
+std::string CheckStoreSource(const std::string& file, bool reference) {
+  if (file.empty()) return "FILE is empty: name a file to store";
+  if (reference) return {};
+  struct stat st;
+  if (stat(ExpandTildeInPath(file).c_str(), &st) != 0) return {};  // the scheme reports it
+  if (S_ISREG(st.st_mode) || S_ISDIR(st.st_mode)) return {};
+  return fmt::format("{} is not a regular file or a folder: only those can be stored", file);
+}
+
+std::shared_ptr<HXFileAttachment> NewAttachmentForFile(
+    SqliteObjectContext& context, const std::shared_ptr<HXFileAttachmentScheme>& scheme,
+    const std::string& file, std::filesystem::path* source) {
+  ErrorRef error;
+  auto attachment = context.insertAttachment(&error);
+  if (!attachment) return NotStored(error);
+  if (file[0] == '~') {
+    // Kept as typed, so that the reference follows the home folder of whoever opens it.
+    attachment->setAttachmentPath(file);
+    attachment->setIsRelativePath(true);
+    *source = ExpandTildeInPath(file);
+  } else {
+    std::error_code ec;
+    *source = std::filesystem::absolute(file, ec).lexically_normal();
+    if (ec) return NotStored(PosixError(ec, file));
+    attachment->setAttachmentPath(source->string());
+  }
+  attachment->setName(source->filename().string());
+  attachment->setAttachmentUUID(ToLower(MakeUniqueID()));
+  attachment->setFileAttachmentScheme(scheme);
+  attachment->updateMissingDetailsFromURL(*source);
+  return attachment;
+}
+
+std::string RelativeStoragePath(const HXFileAttachment& attachment, const std::string& path) {
+  if (!path.empty()) return path;
+  auto cache = HXAttachmentCache::sharedCache();
+  return cache ? cache->relativeFilePathForObject(attachment) : std::string();
+}
+
+std::shared_ptr<HXFileAttachment> StoreNewAttachment(
+    SqliteObjectContext& context, const std::shared_ptr<HXFileAttachmentScheme>& scheme,
+    const std::shared_ptr<HXFileAttachmentSchemeHandler>& handler, const std::string& file,
+    const std::string& path) {
+  bool reference = IsSynchronousScheme(handler->className());
+  if (std::string problem = CheckStoreSource(file, reference); !problem.empty()) {
+    return NotStored(problem);
+  }
+  std::filesystem::path source;
+  auto attachment = NewAttachmentForFile(context, scheme, file, &source);
+  if (!attachment) return nullptr;
+  auto delegate = std::make_shared<CommandDelegate>("store");
+  attachment->setDelegate(delegate);
+
+  std::string relative = RelativeStoragePath(*attachment, path);
+  if (QueuesTransfers(*handler)) {
+    return StoreThroughTransfer(context, attachment, *handler, source, relative) ? attachment
+                                                                                 : nullptr;
+  }
+  ErrorRef error;
+  if (!handler->storeFile(source, relative, attachment, delegate, &error)) {
+    ReportTransferFailure(error ? error : delegate->error(), handler.get(), *attachment);
+    return nullptr;
+  }
+  if (!reference) {
+    if (!delegate->waitForOutcome(kTransferTimeout)) {
+      return NotStored("the store did not finish in time");
+    }
+    if (!delegate->finished()) {
+      ReportTransferFailure(delegate->error(), handler.get(), *attachment);
+      return nullptr;
+    }
+  }
+  if (handler->className() == VMAFPAttachment::kClassName && !path.empty()) {
+    // The share keeps the file under the folder asked for; retrieval asks the cache.
+    SqliteAttachmentCache::RememberShareFolder(*attachment, relative);
+  }
+  if (handler->className() == VMArchiverAttachment::kClassName) {
+    // The archiver finds an attachment by its path relative to the storage folder.
+    attachment->setAttachmentPath(AppendPathComponent(relative, attachment->name()).string());
+  }
+  // Only a stored attachment is written: a failed store leaves the database as it was.
+  if (!context.saveChanges(&error)) return NotStored(error);
+  return attachment;
+}
+
+std::optional<std::filesystem::path> RetrieveAttachment(
+    SqliteObjectContext& context, const std::shared_ptr<HXFileAttachment>& attachment,
+    const std::shared_ptr<HXFileAttachmentSchemeHandler>& handler,
+    const std::filesystem::path& destination, bool force) {
+  std::error_code ec;
+  std::filesystem::create_directories(destination, ec);
+  if (ec) return NotRetrieved(PosixError(ec, destination));
+  // The schemes that copy replace a same-named entry; a person's file there is kept unless
+  // they asked. A name that would leave the folder is the scheme's to refuse.
+  const std::string& name = attachment->name();
+  if (!force && !IsSynchronousScheme(handler->className()) &&
+      !CheckFileName(name, "attachment name")) {
+    struct stat st;
+    if (lstat((destination / name).c_str(), &st) == 0) {
+      ErrorRef exists = PosixError(EEXIST, destination / name);
+      ReportFailure(Error::WithDescription(
+          exists->domain(), exists->code(),
+          fmt::format("{}; pass --force to replace it", exists->localizedDescription())));
+      return std::nullopt;
+    }
+  }
+
+  if (QueuesTransfers(*handler)) {
+    return RetrieveThroughCache(context, attachment, *handler, destination, force);
+  }
+  auto delegate = std::make_shared<CommandDelegate>("retrieve");
+  attachment->setDelegate(delegate);
+  ErrorRef error;
+  if (!handler->retrieveAttachment(attachment, destination, delegate, &error)) {
+    ReportTransferFailure(error ? error : delegate->error(), handler.get(), *attachment);
+    return std::nullopt;
+  }
+  if (!delegate->done() && !delegate->waitForOutcome(kTransferTimeout)) {
+    return NotRetrieved("the retrieval did not finish in time");
+  }
+  if (!delegate->finished()) {
+    ReportTransferFailure(delegate->error(), handler.get(), *attachment);
+    return std::nullopt;
+  }
+  if (!context.saveChanges(&error)) return NotRetrieved(error);
+  return destination;
+}
+
+}  // namespace vm::vmattach
