@@ -1,5 +1,7 @@
 #include "bench/cloud/BenchProcess.h"
 
+#include <fcntl.h>
+#include <signal.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -9,7 +11,9 @@
 #include <cstdlib>
 #include <fstream>
 #include <random>
+#include <regex>
 #include <sstream>
+#include <thread>
 
 namespace vm::bench {
 
@@ -42,6 +46,42 @@ Finished Run(const std::vector<std::string>& argv) {
   finished.peak_kib = usage.ru_maxrss;
   finished.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   return finished;
+}
+
+Server StartServer(const std::vector<std::string>& argv, const std::filesystem::path& log) {
+  Server server;
+  server.pid = ::fork();
+  if (server.pid == 0) {
+    int out = ::open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (out >= 0) {
+      ::dup2(out, STDOUT_FILENO);
+      ::dup2(out, STDERR_FILENO);
+    }
+    std::vector<char*> args;
+    for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+    args.push_back(nullptr);
+    ::execv(args[0], args.data());
+    ::_exit(127);
+  }
+  const std::regex listening(R"(listening on 127\.0\.0\.1:(\d+))");
+  for (int i = 0; i < 400 && server.port == 0; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    std::ifstream in(log);
+    std::stringstream text;
+    text << in.rdbuf();
+    std::smatch match;
+    std::string s = text.str();
+    if (std::regex_search(s, match, listening)) server.port = std::stoi(match[1].str());
+    if (::waitpid(server.pid, nullptr, WNOHANG) == server.pid) break;
+  }
+  return server;
+}
+
+void StopServer(Server* server) {
+  if (server->pid <= 0) return;
+  ::kill(server->pid, SIGTERM);
+  ::waitpid(server->pid, nullptr, 0);
+  server->pid = -1;
 }
 
 void ParseSizeOptions(const std::vector<std::string>& args, SizeOptions* options) {

@@ -23,8 +23,6 @@
 
 #include <fmt/format.h>
 #include <httplib.h>
-#include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -33,10 +31,8 @@
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <optional>
-#include <regex>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "VMAttachments/cloud/VMCAttachment.h"
@@ -98,35 +94,6 @@ int Process(const fs::path& file, const fs::path& work) {
 }
 
 // ---- The driver ----------------------------------------------------------------------------
-
-struct Service {
-  pid_t pid = -1;
-  int port = 0;
-};
-
-Service StartService(const std::string& vmcloudd, const fs::path& folder) {
-  const fs::path log = folder.parent_path() / "vmcloudd.log";
-  Service service;
-  service.pid = ::fork();
-  if (service.pid == 0) {
-    FILE* out = std::fopen(log.c_str(), "w");
-    if (out) ::dup2(::fileno(out), STDOUT_FILENO);
-    ::execl(vmcloudd.c_str(), vmcloudd.c_str(), "--listen", "127.0.0.1:0", "--data", folder.c_str(),
-            "--token", kToken, static_cast<char*>(nullptr));
-    ::_exit(127);
-  }
-  const std::regex listening(R"(listening on 127\.0\.0\.1:(\d+))");
-  for (int i = 0; i < 200 && service.port == 0; ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    std::ifstream in(log);
-    std::stringstream text;
-    text << in.rdbuf();
-    std::smatch match;
-    std::string s = text.str();
-    if (std::regex_search(s, match, listening)) service.port = std::stoi(match[1].str());
-  }
-  return service;
-}
 
 // curl's PUT and GET of `file` through the service's presigned addresses, as its own
 // figures (-w time_total, without its process start). False when a step fails.
@@ -226,7 +193,10 @@ int Drive(const std::string& self, const std::string& vmattach, const std::strin
   if (::mkdtemp(pattern) == nullptr) return 1;
   const fs::path work = pattern;
   fs::create_directories(work / "service");
-  Service service = StartService(vmcloudd, work / "service");
+  vm::bench::Server service =
+      vm::bench::StartServer({vmcloudd, "--listen", "127.0.0.1:0", "--data",
+                              (work / "service").string(), "--token", kToken},
+                             work / "vmcloudd.log");
   if (service.port == 0) {
     fmt::print(stderr, "vmcloudd did not start\n");
     return 1;
@@ -294,8 +264,7 @@ int Drive(const std::string& self, const std::string& vmattach, const std::strin
       "ratio = (store + retrieve, whole vmattach processes) / (encrypt + decrypt + curl put + "
       "curl get) within a round; goal: median <= 1.2; peaks are resident high-water marks of the "
       "processes\n");
-  ::kill(service.pid, SIGTERM);
-  ::waitpid(service.pid, nullptr, 0);
+  vm::bench::StopServer(&service);
   std::error_code ignored;
   fs::remove_all(work, ignored);
   return failures == 0 ? 0 : 1;
