@@ -95,29 +95,38 @@ std::shared_ptr<HXFileAttachment> StoreNewAttachment(
   std::filesystem::path source;
   auto attachment = NewAttachmentForFile(context, scheme, file, &source);
   if (!attachment) return nullptr;
+  return StoreAttachmentBytes(context, attachment, handler, source,
+                              RelativeStoragePath(*attachment, path), !path.empty())
+             ? attachment
+             : nullptr;
+}
+
+bool StoreAttachmentBytes(SqliteObjectContext& context,
+                          const std::shared_ptr<HXFileAttachment>& attachment,
+                          const std::shared_ptr<HXFileAttachmentSchemeHandler>& handler,
+                          const std::filesystem::path& source, const std::string& relative,
+                          bool chosen_folder) {
   auto delegate = std::make_shared<CommandDelegate>("store");
   attachment->setDelegate(delegate);
-
-  std::string relative = RelativeStoragePath(*attachment, path);
   if (QueuesTransfers(*handler)) {
-    return StoreThroughTransfer(context, attachment, *handler, source, relative) ? attachment
-                                                                                 : nullptr;
+    return StoreThroughTransfer(context, attachment, *handler, source, relative);
   }
   ErrorRef error;
   if (!handler->storeFile(source, relative, attachment, delegate, &error)) {
     ReportTransferFailure(error ? error : delegate->error(), handler.get(), *attachment);
-    return nullptr;
+    return false;
   }
-  if (!reference) {
+  if (!IsSynchronousScheme(handler->className())) {
     if (!delegate->waitForOutcome(kTransferTimeout)) {
-      return NotStored("the store did not finish in time");
+      ReportFailure("the store did not finish in time");
+      return false;
     }
     if (!delegate->finished()) {
       ReportTransferFailure(delegate->error(), handler.get(), *attachment);
-      return nullptr;
+      return false;
     }
   }
-  if (handler->className() == VMAFPAttachment::kClassName && !path.empty()) {
+  if (handler->className() == VMAFPAttachment::kClassName && chosen_folder) {
     // The share keeps the file under the folder asked for; retrieval asks the cache.
     SqliteAttachmentCache::RememberShareFolder(*attachment, relative);
   }
@@ -126,8 +135,11 @@ std::shared_ptr<HXFileAttachment> StoreNewAttachment(
     attachment->setAttachmentPath(AppendPathComponent(relative, attachment->name()).string());
   }
   // Only a stored attachment is written: a failed store leaves the database as it was.
-  if (!context.saveChanges(&error)) return NotStored(error);
-  return attachment;
+  if (!context.saveChanges(&error)) {
+    ReportFailure(error);
+    return false;
+  }
+  return true;
 }
 
 std::optional<std::filesystem::path> RetrieveAttachment(

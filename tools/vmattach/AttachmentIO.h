@@ -44,6 +44,16 @@ std::shared_ptr<HXFileAttachment> StoreNewAttachment(
     const std::shared_ptr<HXFileAttachmentSchemeHandler>& handler, const std::string& file,
     const std::string& path);
 
+// The store step of StoreNewAttachment: `source` through `handler` as the bytes of
+// `attachment` (a record from NewAttachmentForFile, saved or not), under `relative` (see
+// RelativeStoragePath; `chosen_folder` when the user named it). Saves the record; false
+// with the failure reported, as StoreNewAttachment.
+bool StoreAttachmentBytes(SqliteObjectContext& context,
+                          const std::shared_ptr<HXFileAttachment>& attachment,
+                          const std::shared_ptr<HXFileAttachmentSchemeHandler>& handler,
+                          const std::filesystem::path& source, const std::string& relative,
+                          bool chosen_folder);
+
 // Brings `attachment`'s bytes into `destination` (created when missing) through `handler`
 // (the caller checked the token); a same-named item there is refused unless `force`.
 // The path a --json result names (the destination folder, or the copy made there for

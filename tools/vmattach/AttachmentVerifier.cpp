@@ -16,6 +16,9 @@
 #include "BWCryptographer/BWCryptographer.h"
 #include "VMAttachments/cloud/AttachmentAPILoader.h"
 #include "VMAttachments/cloud/AttachmentAPIRequest.h"
+#include "VMAttachments/cloud/VMCAttachment.h"
+#include "host/HXFileAttachment.h"
+#include "host/HostConstants.h"
 #include "platform/ScopedFd.h"
 #include "platform/URLSession.h"
 
@@ -23,6 +26,15 @@ namespace vm::vmattach {
 namespace {
 
 namespace fs = std::filesystem;
+
+Bytes HashOf(const HXFileAttachment& attachment, std::string_view key) {
+  std::optional<KeyedValue> value = attachment.objectForKeyedSubscript(key);
+  if (!value) return {};
+  if (const auto* bytes = std::get_if<Bytes>(&*value)) return *bytes;
+  if (const auto* text = std::get_if<std::string>(&*value))
+    return Bytes(text->begin(), text->end());
+  return {};
+}
 
 constexpr std::size_t kReadChunk = 1 << 20;
 constexpr std::uint64_t kAPIReplyLimit = 1 << 20;
@@ -303,6 +315,18 @@ VerifyOutcome VerifyCloudAttachment(const CloudVerifyTarget& target, bool deep,
     return Outcome(VerifyStatus::kUnreachable, "the service gave no usable download address");
   }
   return StreamStoredBytes(target, *url, answer.info->size(), session);
+}
+
+CloudVerifyTarget CloudVerifyTargetOf(const HXFileAttachment& attachment,
+                                      const VMCAttachment& handler) {
+  CloudVerifyTarget target;
+  target.uploaded = attachment.uploaded().value_or(false);
+  target.uuid = attachment.attachmentUUID().value_or("");
+  if (handler.authToken()) target.token = handler.authToken()->bearer();
+  target.crypted_hash = HashOf(attachment, kHXFileAttachmentCryptedHash);
+  target.source_hash = HashOf(attachment, kHXFileAttachmentSourceHash);
+  target.encryption_data = attachment.encryptionData().value_or(Bytes{});
+  return target;
 }
 
 }  // namespace vm::vmattach

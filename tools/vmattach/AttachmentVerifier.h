@@ -9,8 +9,10 @@
 #include "host/HXRecord.h"
 
 namespace vm {
+class HXFileAttachment;
 class URLSession;
-}
+class VMCAttachment;
+}  // namespace vm
 
 namespace vm::vmattach {
 
@@ -52,6 +54,10 @@ struct CloudVerifyTarget {
   Bytes source_hash;      // SHA-1 of the plain bytes
   Bytes encryption_data;  // rebuilds the decryptor
 };
+
+// The target of `attachment`, a row of the cloud scheme whose handler is `handler`.
+CloudVerifyTarget CloudVerifyTargetOf(const HXFileAttachment& attachment,
+                                      const VMCAttachment& handler);
 
 // Asks the service's info route whether it knows the attachment as uploaded. `deep` then
 // streams the stored bytes once from the download address the service gives, through

@@ -429,36 +429,7 @@ int RunDelete(const GlobalOptions& options, std::uint64_t id) {
   if (!context) return ReportFailure(error);
   auto attachment = context->attachmentWithPrimaryKey(id);
   if (!attachment) return ReportFailure(fmt::format("no attachment with id {}", id));
-  auto scheme = attachment->fileAttachmentScheme();
-  auto handler = scheme ? scheme->schemeHandler() : nullptr;
-  auto* deletion = dynamic_cast<HXFileAttachmentSchemeDeletionProtocol*>(handler.get());
-  // Bytes that never reached the storage are not there to delete: the upload's transfer
-  // and the row are enough.
-  if (deletion != nullptr && attachment->uploaded().value_or(false)) {
-    if (std::string problem = MissingTokenProblem(*scheme); !problem.empty()) {
-      return ReportFailure(problem);
-    }
-    auto delegate = std::make_shared<CommandDelegate>("delete");
-    attachment->setDelegate(delegate);
-    DataIdentifier identifier = deletion->dataIdentifierForDeletionForAttachment(attachment);
-    if (!deletion->deleteAttachment(attachment, identifier, delegate, &error)) {
-      return ReportFailure(error ? error : delegate->error());
-    }
-    // A scheme that started work says so with willSendAttachment; one that had nothing to
-    // delete answered at once.
-    if (delegate->started()) {
-      if (!delegate->waitForOutcome(kTransferTimeout)) {
-        return ReportFailure("the deletion did not finish in time");
-      }
-      if (!delegate->finished()) {
-        ReportFailure(delegate->error());
-        return ReportFailure(ResumeHint(id));
-      }
-    }
-  }
-  if (!ForgetAttachment(*context, attachment, &error) || !context->saveChanges(&error)) {
-    return ReportFailure(error);
-  }
+  if (!DeleteAttachment(*context, attachment)) return 1;
   if (options.json) {
     PrintJSON({{"id", id}, {"status", "deleted"}});
   } else {
@@ -468,6 +439,56 @@ int RunDelete(const GlobalOptions& options, std::uint64_t id) {
 }
 
 }  // namespace
+
+bool DeleteAttachment(SqliteObjectContext& context,
+                      const std::shared_ptr<HXFileAttachment>& attachment) {
+  const std::uint64_t id = attachment->primaryKeyValue();
+  ErrorRef error;
+  auto scheme = attachment->fileAttachmentScheme();
+  auto handler = scheme ? scheme->schemeHandler() : nullptr;
+  auto* deletion = dynamic_cast<HXFileAttachmentSchemeDeletionProtocol*>(handler.get());
+  // Bytes that never reached the storage are not there to delete: the upload's transfer
+  // and the row are enough.
+  if (deletion != nullptr && attachment->uploaded().value_or(false)) {
+    if (std::string problem = MissingTokenProblem(*scheme); !problem.empty()) {
+      return ReportFailure(problem) == 0;
+    }
+    auto delegate = std::make_shared<CommandDelegate>("delete");
+    attachment->setDelegate(delegate);
+    DataIdentifier identifier = deletion->dataIdentifierForDeletionForAttachment(attachment);
+    if (!deletion->deleteAttachment(attachment, identifier, delegate, &error)) {
+      return ReportFailure(error ? error : delegate->error()) == 0;
+    }
+    // A scheme that started work says so with willSendAttachment; one that had nothing to
+    // delete answered at once.
+    if (delegate->started()) {
+      if (!delegate->waitForOutcome(kTransferTimeout)) {
+        return ReportFailure("the deletion did not finish in time") == 0;
+      }
+      if (!delegate->finished()) {
+        ReportFailure(delegate->error());
+        return ReportFailure(ResumeHint(id)) == 0;
+      }
+    }
+  }
+  if (!ForgetAttachment(context, attachment, &error) || !context.saveChanges(&error)) {
+    return ReportFailure(error) == 0;
+  }
+  return true;
+}
+
+bool ResumeTransfersOf(SqliteObjectContext& context, std::uint64_t id) {
+  TransferList transfers = TransfersOf(context, id);
+  if (transfers.empty()) return true;
+  bool all = true;
+  for (const Outcome& outcome : ResumeAndWait(context, transfers, "resume", nullptr)) {
+    if (outcome.error) all = ReportFailure(outcome.error) == 0;
+  }
+  ReclaimAbandonedWorkFiles(context.databaseUUID());
+  ErrorRef error;
+  if (!context.saveChanges(&error)) all = ReportFailure(error) == 0;
+  return all;
+}
 
 void ReclaimAbandonedFiles(SqliteObjectContext& context) {
   ReclaimAbandonedWorkFiles(context.databaseUUID());

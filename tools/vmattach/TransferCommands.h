@@ -25,6 +25,16 @@ void AddTransferCommands(CLI::App& app, const GlobalOptions& options, int* exit_
 // attachment cache. Commands that store, retrieve, resume or recover call it first.
 void ReclaimAbandonedFiles(SqliteObjectContext& context);
 
+// Deletes `attachment`: its stored bytes through its scheme's deletion protocol (a scheme
+// without one has nothing deleted), then its row, transfers and cached copy. False with the
+// failure reported on stderr; a deletion that did not finish keeps its transfer.
+bool DeleteAttachment(SqliteObjectContext& context,
+                      const std::shared_ptr<HXFileAttachment>& attachment);
+
+// Resumes the registered transfers of attachment `id` and waits for them; true when there
+// were none or all finished, else false with the failures reported on stderr.
+bool ResumeTransfersOf(SqliteObjectContext& context, std::uint64_t id);
+
 // Whether `handler` queues its transfers with the host's transfer manager and leaves
 // starting them to the host (the cloud scheme does).
 bool QueuesTransfers(const HXFileAttachmentSchemeHandler& handler);

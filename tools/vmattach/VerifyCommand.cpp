@@ -49,15 +49,6 @@ std::function<VerifyOutcome()> Answer(VerifyStatus status, std::string detail) {
   return [outcome = Settled(status, std::move(detail))] { return outcome; };
 }
 
-Bytes HashOf(const HXFileAttachment& attachment, std::string_view key) {
-  std::optional<KeyedValue> value = attachment.objectForKeyedSubscript(key);
-  if (!value) return {};
-  if (const auto* bytes = std::get_if<Bytes>(&*value)) return *bytes;
-  if (const auto* text = std::get_if<std::string>(&*value))
-    return Bytes(text->begin(), text->end());
-  return {};
-}
-
 // Shares are mounted (or found reachable) once per scheme, on the host's thread, as a
 // retrieval would; the outcome is kept for the scheme's other attachments.
 class ShareAccess {
@@ -130,13 +121,7 @@ std::function<VerifyOutcome()> PlanShare(HXFileAttachment& attachment, VMAFPAtta
 
 std::function<VerifyOutcome()> PlanCloud(const HXFileAttachment& attachment,
                                          const VMCAttachment& handler, bool deep) {
-  CloudVerifyTarget target;
-  target.uploaded = attachment.uploaded().value_or(false);
-  target.uuid = attachment.attachmentUUID().value_or("");
-  if (handler.authToken()) target.token = handler.authToken()->bearer();
-  target.crypted_hash = HashOf(attachment, kHXFileAttachmentCryptedHash);
-  target.source_hash = HashOf(attachment, kHXFileAttachmentSourceHash);
-  target.encryption_data = attachment.encryptionData().value_or(Bytes{});
+  CloudVerifyTarget target = CloudVerifyTargetOf(attachment, handler);
   if (target.uploaded && (target.crypted_hash.empty() || target.source_hash.empty())) {
     return Answer(VerifyStatus::kCorrupt, "the row has no hashes to compare with");
   }
