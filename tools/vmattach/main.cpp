@@ -7,6 +7,7 @@
 #include "tools/vmattach/CloudCommand.h"
 #include "tools/vmattach/Command.h"
 #include "tools/vmattach/CoreCommands.h"
+#include "tools/vmattach/MigrateCommand.h"
 #include "tools/vmattach/RecoveryCommands.h"
 #include "tools/vmattach/ShareCommands.h"
 #include "tools/vmattach/TransferCommands.h"
@@ -32,6 +33,7 @@ int main(int argc, char** argv) {
   AddRecoveryCommands(app, options, &exit_code);
   AddTransferCommands(app, options, &exit_code);
   AddVerifyCommand(app, options, &exit_code);
+  AddMigrateCommand(app, options, &exit_code);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
