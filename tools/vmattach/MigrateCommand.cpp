@@ -113,6 +113,40 @@ class MigrationJournal {
   SqliteObjectContext& context_;
 };
 
+// The folder of the data folder's where a move brings an attachment's bytes back, owned
+// by the process that moves it (its OwnerLock) so that no other process finishes or starts
+// the same move meanwhile; removed when done, or by a later run when its owner was killed.
+class WorkFolder {
+ public:
+  WorkFolder(const fs::path& root, std::uint64_t id) : path_(root / std::to_string(id)) {
+    std::error_code ec;
+    fs::create_directories(root, ec);
+    if (!RemoveIfAbandoned(path_)) {
+      problem_ = "another vmattach process is moving it";
+      return;
+    }
+    ErrorRef error;
+    lock_ = OwnerLock::CreateFolder(path_, &error);
+    if (!lock_.held()) problem_ = error ? error->localizedDescription() : "no work folder";
+  }
+  ~WorkFolder() {
+    if (!lock_.held()) return;
+    std::error_code ignored;
+    fs::remove_all(path_, ignored);
+  }
+  WorkFolder(const WorkFolder&) = delete;
+  WorkFolder& operator=(const WorkFolder&) = delete;
+
+  bool claimed() const { return lock_.held(); }
+  const std::string& problem() const { return problem_; }
+  const fs::path& path() const { return path_; }
+
+ private:
+  const fs::path path_;
+  OwnerLock lock_;
+  std::string problem_;
+};
+
 enum class Result { kMoved, kSkipped, kFailed };
 
 struct Outcome {
@@ -309,25 +343,10 @@ Outcome Migrator::move(const std::shared_ptr<HXFileAttachment>& attachment,
     }
   }
 
-  // The bytes come back into a work folder of the data folder's, owned while the move
-  // runs; a killed run's is removed by the next.
-  const fs::path work = work_root_ / std::to_string(id);
+  WorkFolder work(work_root_, id);
+  if (!work.claimed()) return Failed(work.problem());
   ErrorRef error;
   std::error_code ec;
-  fs::create_directories(work_root_, ec);
-  if (!RemoveIfAbandoned(work)) {
-    return Failed("another vmattach process is moving it");
-  }
-  OwnerLock work_lock = OwnerLock::CreateFolder(work, &error);
-  if (!work_lock.held()) return Failed(error->localizedDescription());
-  struct RemoveWork {
-    fs::path path;
-    ~RemoveWork() {
-      std::error_code ignored;
-      fs::remove_all(path, ignored);
-    }
-  } remove_work{work};
-
   fs::path bytes;
   if (IsSynchronousScheme(source->className())) {
     // A reference: the user's own file is read where it is.
@@ -335,11 +354,11 @@ Outcome Migrator::move(const std::shared_ptr<HXFileAttachment>& attachment,
     if (!url || !fs::exists(*url, ec)) return Failed("the referenced file is missing");
     bytes = *url;
   } else {
-    if (!RetrieveAttachment(context_, attachment, source, work, false)) {
+    if (!RetrieveAttachment(context_, attachment, source, work.path(), false)) {
       return Failed(
           fmt::format("its bytes could not be brought back from \"{}\"", SchemeName(*attachment)));
     }
-    bytes = work / attachment->name();
+    bytes = work.path() / attachment->name();
   }
 
   fs::path staged_source;
@@ -366,6 +385,8 @@ Outcome Migrator::move(const std::shared_ptr<HXFileAttachment>& attachment,
 }
 
 std::optional<Outcome> Migrator::finish(const MigrationJournal::Entry& entry) {
+  WorkFolder work(work_root_, entry.attachment);
+  if (!work.claimed()) return Failed(work.problem());
   auto attachment = context_.attachmentWithPrimaryKey(entry.attachment);
   auto staged = context_.attachmentWithPrimaryKey(entry.staging);
   if (!staged) {
