@@ -273,8 +273,14 @@ bool Migrator::dropCopy(const std::shared_ptr<HXFileAttachment>& record) {
       std::error_code ec;
       fs::remove_all(*path, ec);
       if (ec) return ReportFailure(PosixError(ec, *path)) == 0;
+      // The folders between the stored item and the share's root, never the root itself.
+      const fs::path between = dynamic_cast<VMArchiverAttachment*>(share)
+                                   ? fs::path(record->attachmentPath()).parent_path()
+                                   : fs::path(RelativeStoragePath(*record, ""));
       fs::path folder = path->parent_path();
-      for (int up = 0; up < 2 && fs::remove(folder, ec); ++up) folder = folder.parent_path();
+      for (auto it = between.begin(); it != between.end() && fs::remove(folder, ec); ++it) {
+        folder = folder.parent_path();
+      }
     }
   }
   // The cloud deletes through its scheme; a file reference keeps the user's file.
@@ -469,10 +475,15 @@ int RunMigrate(const GlobalOptions& options, const MigrateOptions& migrate) {
 
   // Moves a killed run left are finished first, whatever this run names.
   Migrator migrator(*context, journal, work_root);
+  // Those of them bound for this run's target are reported with its own.
   std::map<std::uint64_t, Outcome> finished;
   for (const MigrationJournal::Entry& entry : journal.entries(&error)) {
-    if (std::optional<Outcome> outcome = migrator.finish(entry))
-      finished[entry.attachment] = *outcome;
+    std::optional<Outcome> outcome = migrator.finish(entry);
+    if (!outcome || entry.target_scheme != target->primaryKeyValue()) continue;
+    finished[entry.attachment] = *outcome;
+    if (auto attachment = context->attachmentWithPrimaryKey(entry.attachment)) {
+      chosen.push_back(std::move(attachment));
+    }
   }
   if (error) return ReportFailure(error);
   std::set<std::uint64_t> staging;
@@ -496,9 +507,7 @@ int RunMigrate(const GlobalOptions& options, const MigrateOptions& migrate) {
     const std::uint64_t id = attachment->primaryKeyValue();
     if (!seen.insert(id).second) continue;
     Outcome outcome;
-    if (auto it = finished.find(id);
-        it != finished.end() && it->second.result == Result::kMoved &&
-        attachment->fileAttachmentSchemeID() == target->primaryKeyValue()) {
+    if (auto it = finished.find(id); it != finished.end()) {
       outcome = it->second;
     } else if (staging.contains(id)) {
       outcome = Failed("it is the staged copy of a move under way; run the command again");

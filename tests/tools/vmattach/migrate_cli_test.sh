@@ -98,7 +98,8 @@ check "arch to cloud exits 0" test $? -eq 0
 check "both are moved" test "$(json '.moved.sort().join()' <"$work/out.json") $(json '.failed.length' <"$work/out.json")" \
   = "$(printf '%s\n' "$big" "$note" | sort | paste -sd,) 0"
 check "on the cloud, under their ids" test "$(scheme_of "$big") $(scheme_of "$note")" = "cloud cloud"
-check "the storage folder is empty, the service holds two blobs" test "$(stored) $(blobs)" = "0 2"
+check "the storage folder is empty (and kept), the service holds two blobs" \
+  test "$(stored) $(blobs) $(ls -A "$work/storage" 2>&1)" = "0 2 "
 check "the folder reference moves to the cloud" test "$(va migrate "$tree" --to cloud)" = "$tree	moved"
 check "and the user's folder stays" test -f "$work/in/tree/sub/a.bin"
 check "the three come back from the cloud" retrievable "$big" "$note" "$tree"
