@@ -7,8 +7,11 @@
 #include "VMAttachments/schemes/VMAFPAttachment.h"
 #include "VMAttachments/schemes/VMArchiverAttachment.h"
 #include "VMAttachments/schemes/VMFileReferenceAttachment.h"
+#include "VMAttachments/telemetry/AttachmentTelemetry.h"
 #include "host/HXAttachmentCache.h"
 #include "host/HXFileAttachmentScheme.h"
+#include "host/HostConstants.h"
+#include "host/VMAttachmentTransferManager.h"
 #include "host/sqlite/SqliteAttachmentCache.h"
 #include "host/sqlite/SqliteObjectContext.h"
 #include "platform/SafeNames.h"
@@ -68,7 +71,11 @@ std::shared_ptr<HXFileAttachment> NewAttachmentForFile(
   } else {
     std::error_code ec;
     *source = std::filesystem::absolute(file, ec).lexically_normal();
-    if (ec) return NotStored(PosixError(ec, file));
+    if (ec) {
+      ErrorRef ignored;
+      context.deleteAttachment(attachment, &ignored);
+      return NotStored(PosixError(ec, file));
+    }
     attachment->setAttachmentPath(source->string());
   }
   attachment->setName(source->filename().string());
@@ -84,10 +91,32 @@ std::string RelativeStoragePath(const HXFileAttachment& attachment, const std::s
   return cache ? cache->relativeFilePathForObject(attachment) : std::string();
 }
 
+namespace {
+
+// A record of this command's that no save wrote yet is forgotten, with the transfers
+// registered for it, so that no later save of the context writes it. A saved one (a failed
+// upload) is kept.
+void ForgetIfUnsaved(SqliteObjectContext& context,
+                     const std::shared_ptr<HXFileAttachment>& attachment) {
+  bool saved = true;
+  context.withRecordSaveState(*attachment, [&saved](bool in_database) {
+    saved = in_database;
+    return true;
+  });
+  if (saved) return;
+  if (std::optional<std::string> uuid = attachment->attachmentUUID()) {
+    context.attachmentTransferManager()->removeTransferForAttachmentIdentifier(*uuid);
+  }
+  ErrorRef ignored;
+  context.deleteAttachment(attachment, &ignored);
+}
+
+}  // namespace
+
 std::shared_ptr<HXFileAttachment> StoreNewAttachment(
     SqliteObjectContext& context, const std::shared_ptr<HXFileAttachmentScheme>& scheme,
     const std::shared_ptr<HXFileAttachmentSchemeHandler>& handler, const std::string& file,
-    const std::string& path) {
+    const std::string& path, bool quiet) {
   bool reference = IsSynchronousScheme(handler->className());
   if (std::string problem = CheckStoreSource(file, reference); !problem.empty()) {
     return NotStored(problem);
@@ -95,21 +124,23 @@ std::shared_ptr<HXFileAttachment> StoreNewAttachment(
   std::filesystem::path source;
   auto attachment = NewAttachmentForFile(context, scheme, file, &source);
   if (!attachment) return nullptr;
-  return StoreAttachmentBytes(context, attachment, handler, source,
-                              RelativeStoragePath(*attachment, path), !path.empty())
-             ? attachment
-             : nullptr;
+  if (StoreAttachmentBytes(context, attachment, handler, source,
+                           RelativeStoragePath(*attachment, path), !path.empty(), quiet)) {
+    return attachment;
+  }
+  ForgetIfUnsaved(context, attachment);
+  return nullptr;
 }
 
 bool StoreAttachmentBytes(SqliteObjectContext& context,
                           const std::shared_ptr<HXFileAttachment>& attachment,
                           const std::shared_ptr<HXFileAttachmentSchemeHandler>& handler,
                           const std::filesystem::path& source, const std::string& relative,
-                          bool chosen_folder) {
-  auto delegate = std::make_shared<CommandDelegate>("store");
+                          bool chosen_folder, bool quiet) {
+  auto delegate = std::make_shared<CommandDelegate>(quiet ? "" : "store");
   attachment->setDelegate(delegate);
   if (QueuesTransfers(*handler)) {
-    return StoreThroughTransfer(context, attachment, *handler, source, relative);
+    return StoreThroughTransfer(context, attachment, *handler, source, relative, quiet);
   }
   ErrorRef error;
   if (!handler->storeFile(source, relative, attachment, delegate, &error)) {
@@ -142,17 +173,19 @@ bool StoreAttachmentBytes(SqliteObjectContext& context,
   return true;
 }
 
-std::optional<std::filesystem::path> RetrieveAttachment(
-    SqliteObjectContext& context, const std::shared_ptr<HXFileAttachment>& attachment,
-    const std::shared_ptr<HXFileAttachmentSchemeHandler>& handler,
-    const std::filesystem::path& destination, bool force) {
+namespace {
+
+// Makes `destination`; refuses (reported) a same-named item there unless `force`. The
+// schemes that copy replace a same-named entry; a person's file there is kept unless
+// they asked. A name that would leave the folder is the scheme's to refuse.
+bool AcceptsRetrieval(const HXFileAttachment& attachment,
+                      const HXFileAttachmentSchemeHandler& handler,
+                      const std::filesystem::path& destination, bool force) {
   std::error_code ec;
   std::filesystem::create_directories(destination, ec);
-  if (ec) return NotRetrieved(PosixError(ec, destination));
-  // The schemes that copy replace a same-named entry; a person's file there is kept unless
-  // they asked. A name that would leave the folder is the scheme's to refuse.
-  const std::string& name = attachment->name();
-  if (!force && !IsSynchronousScheme(handler->className()) &&
+  if (ec) return ReportFailure(PosixError(ec, destination)), false;
+  const std::string& name = attachment.name();
+  if (!force && !IsSynchronousScheme(handler.className()) &&
       !CheckFileName(name, "attachment name")) {
     struct stat st;
     if (lstat((destination / name).c_str(), &st) == 0) {
@@ -160,14 +193,23 @@ std::optional<std::filesystem::path> RetrieveAttachment(
       ReportFailure(Error::WithDescription(
           exists->domain(), exists->code(),
           fmt::format("{}; pass --force to replace it", exists->localizedDescription())));
-      return std::nullopt;
+      return false;
     }
   }
+  return true;
+}
 
+}  // namespace
+
+std::optional<std::filesystem::path> RetrieveAttachment(
+    SqliteObjectContext& context, const std::shared_ptr<HXFileAttachment>& attachment,
+    const std::shared_ptr<HXFileAttachmentSchemeHandler>& handler,
+    const std::filesystem::path& destination, bool force, bool quiet) {
+  if (!AcceptsRetrieval(*attachment, *handler, destination, force)) return std::nullopt;
   if (QueuesTransfers(*handler)) {
-    return RetrieveThroughCache(context, attachment, *handler, destination, force);
+    return RetrieveThroughCache(context, attachment, *handler, destination, force, quiet);
   }
-  auto delegate = std::make_shared<CommandDelegate>("retrieve");
+  auto delegate = std::make_shared<CommandDelegate>(quiet ? "" : "retrieve");
   attachment->setDelegate(delegate);
   ErrorRef error;
   if (!handler->retrieveAttachment(attachment, destination, delegate, &error)) {
@@ -183,6 +225,75 @@ std::optional<std::filesystem::path> RetrieveAttachment(
   }
   if (!context.saveChanges(&error)) return NotRetrieved(error);
   return destination;
+}
+
+std::vector<std::shared_ptr<HXFileAttachment>> StoreNewAttachments(
+    SqliteObjectContext& context, const std::shared_ptr<HXFileAttachmentScheme>& scheme,
+    const std::shared_ptr<HXFileAttachmentSchemeHandler>& handler,
+    const std::vector<std::string>& files, const std::string& path, int jobs) {
+  std::vector<std::shared_ptr<HXFileAttachment>> stored(files.size());
+  if (QueuesTransfers(*handler)) {
+    std::vector<BatchStoreItem> items(files.size());
+    for (std::size_t i = 0; i < files.size(); ++i) items[i].file = files[i];
+    StoreManyThroughTransfer(context, scheme, *handler, path, items, jobs);
+    for (std::size_t i = 0; i < files.size(); ++i) stored[i] = std::move(items[i].attachment);
+    return stored;
+  }
+  // A share or storage folder is written through one mount, and a reference copies
+  // nothing: one file after another.
+  ProgressBar bar("store", ProgressBar::Unit::kItems);
+  for (std::size_t i = 0; i < files.size(); ++i) {
+    FailureSubject subject(files[i]);
+    stored[i] = StoreNewAttachment(context, scheme, handler, files[i], path, true);
+    bar.update(static_cast<std::int64_t>(i + 1), static_cast<std::int64_t>(files.size()));
+  }
+  bar.finish();
+  return stored;
+}
+
+std::vector<std::optional<std::filesystem::path>> RetrieveAttachments(
+    SqliteObjectContext& context, const std::vector<std::uint64_t>& ids,
+    const std::filesystem::path& destination, bool force, int jobs) {
+  std::vector<std::optional<std::filesystem::path>> copies(ids.size());
+  std::vector<BatchRetrieveItem> queued;
+  std::vector<std::size_t> queued_index;
+  ProgressBar bar("retrieve", ProgressBar::Unit::kItems);
+  // Those of schemes that do not queue transfers go first, one after another; each is
+  // checked here, so that a failure is named by its id.
+  for (std::size_t i = 0; i < ids.size(); ++i) {
+    FailureSubject subject(std::to_string(ids[i]));
+    auto attachment = context.attachmentWithPrimaryKey(ids[i]);
+    if (!attachment) {
+      ReportFailure(fmt::format("no attachment with id {}", ids[i]));
+      continue;
+    }
+    auto scheme = attachment->fileAttachmentScheme();
+    auto handler = scheme ? scheme->schemeHandler() : nullptr;
+    if (!handler) {
+      ErrorRef error = Error::WithDescription(
+          kVMFileAttachmentDomain, 500, fmt::format("Attachment {} has no usable scheme.", ids[i]));
+      AttachmentTelemetry::logError(error);
+      ReportFailure(error);
+      continue;
+    }
+    if (std::string problem = MissingTokenProblem(*scheme); !problem.empty()) {
+      ReportFailure(problem);
+      continue;
+    }
+    if (QueuesTransfers(*handler)) {
+      if (AcceptsRetrieval(*attachment, *handler, destination, force)) {
+        queued.push_back({attachment, handler, std::nullopt});
+        queued_index.push_back(i);
+      }
+      continue;
+    }
+    copies[i] = RetrieveAttachment(context, attachment, handler, destination, force, true);
+    bar.update(static_cast<std::int64_t>(i + 1), static_cast<std::int64_t>(ids.size()));
+  }
+  bar.finish();
+  if (!queued.empty()) RetrieveManyThroughCache(context, queued, destination, force, jobs);
+  for (std::size_t k = 0; k < queued.size(); ++k) copies[queued_index[k]] = queued[k].copy;
+  return copies;
 }
 
 }  // namespace vm::vmattach

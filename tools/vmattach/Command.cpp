@@ -25,8 +25,22 @@ void SetCommandBody(CLI::App* command, int* exit_code, CommandBody body) {
   command->callback([exit_code, body = std::move(body)] { *exit_code = body(); });
 }
 
+namespace {
+thread_local const FailureSubject* current_subject = nullptr;
+}  // namespace
+
+FailureSubject::FailureSubject(std::string subject)
+    : prefix_(fmt::format("vmattach: {}: ", EscapeControlCharacters(subject))),
+      outer_(current_subject) {
+  current_subject = this;
+}
+
+FailureSubject::~FailureSubject() { current_subject = outer_; }
+
+std::string FailurePrefix() { return current_subject ? current_subject->prefix_ : "vmattach: "; }
+
 int ReportFailure(const Error& error) {
-  fmt::print(stderr, "vmattach: {} ({} {})\n",
+  fmt::print(stderr, "{}{} ({} {})\n", FailurePrefix(),
              EscapeControlCharacters(error.localizedDescription()),
              EscapeControlCharacters(error.domain()), error.code());
   return 1;
@@ -38,7 +52,7 @@ int ReportFailure(const ErrorRef& error) {
 }
 
 int ReportFailure(const std::string& message) {
-  fmt::print(stderr, "vmattach: {}\n", EscapeControlCharacters(message));
+  fmt::print(stderr, "{}{}\n", FailurePrefix(), EscapeControlCharacters(message));
   return 1;
 }
 
@@ -86,7 +100,7 @@ struct ProgressBar::State {
 ProgressBar::ProgressBar(std::string label, Unit unit) : state_(std::make_unique<State>()) {
   state_->label = std::move(label);
   state_->unit = unit;
-  state_->enabled = StderrIsTerminal();
+  state_->enabled = !state_->label.empty() && StderrIsTerminal();
 }
 
 ProgressBar::~ProgressBar() { finish(); }

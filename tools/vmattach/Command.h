@@ -36,6 +36,24 @@ int ReportFailure(const ErrorRef& error);
 // For failures that have no Error: "vmattach: <message>", returns 1.
 int ReportFailure(const std::string& message);
 
+// While alive, the failures reported on this thread name `subject` (a file, an id):
+// "vmattach: <subject>: <description>". For commands that work on many items. Nests.
+class FailureSubject {
+ public:
+  explicit FailureSubject(std::string subject);
+  ~FailureSubject();
+  FailureSubject(const FailureSubject&) = delete;
+  FailureSubject& operator=(const FailureSubject&) = delete;
+
+ private:
+  friend std::string FailurePrefix();
+  std::string prefix_;
+  const FailureSubject* outer_;
+};
+
+// How a failure line starts on this thread: "vmattach: ", with the subject when there is one.
+std::string FailurePrefix();
+
 // A record id as a person types it: plain decimal digits only ("03374" is 3374, not
 // octal), within 64 bits. Nullopt for anything else: a sign, spaces, hex, an empty text.
 std::optional<std::uint64_t> ParseRecordID(std::string_view text);
@@ -50,7 +68,8 @@ CLI::Validator NonEmptyValidator();
 bool StderrIsTerminal();
 
 // Draws "[#####.....]  42%  1.2 MiB / 2.9 MiB" on stderr, rewriting the line; finish()
-// ends the line. Does nothing when stderr is not a terminal. Thread-safe.
+// ends the line. Does nothing when stderr is not a terminal, nor with an empty label (the
+// items of a batch, which draws one bar of its own). Thread-safe.
 class ProgressBar {
  public:
   // What update() counts: bytes (shown in MiB) or items (shown as "3 / 7").

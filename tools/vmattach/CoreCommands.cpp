@@ -7,6 +7,7 @@
 #include <fstream>
 #include <iostream>
 #include <nlohmann/json.hpp>
+#include <set>
 #include <sstream>
 
 #include "VMAttachments/schemes/ShareSchemes.h"
@@ -46,13 +47,16 @@ struct SchemeOptions {
 };
 
 struct AttachmentOptions {
-  std::string file;
+  std::vector<std::string> files;
   std::string scheme;
   std::string path;
-  std::uint64_t id = 0;
+  std::vector<std::uint64_t> ids;
   std::string to;
   bool force = false;
+  int jobs = 4;
 };
+
+constexpr int kUsageError = 2;
 
 ErrorRef ToolError(std::int64_t code, std::string description) {
   return Error::WithDescription(kVMFileAttachmentDomain, code, description);
@@ -230,14 +234,62 @@ int RunStore(const GlobalOptions& options, const AttachmentOptions& store) {
     return ReportFailure(problem);
   }
 
-  auto attachment = StoreNewAttachment(*context, scheme, handler, store.file, store.path);
-  if (!attachment) return 1;
-  if (options.json) {
-    PrintJSON(AttachmentToJSON(*attachment));
-  } else {
-    fmt::print("{}\n", attachment->primaryKeyValue());
+  if (store.files.size() == 1) {
+    auto attachment = StoreNewAttachment(*context, scheme, handler, store.files[0], store.path);
+    if (!attachment) return 1;
+    if (options.json) {
+      PrintJSON(AttachmentToJSON(*attachment));
+    } else {
+      fmt::print("{}\n", attachment->primaryKeyValue());
+    }
+    return 0;
   }
-  return 0;
+  // Many files: the stored ones in the order given; the failures were reported.
+  nlohmann::json out = nlohmann::json::array();
+  bool all_stored = true;
+  for (const auto& attachment :
+       StoreNewAttachments(*context, scheme, handler, store.files, store.path, store.jobs)) {
+    all_stored = all_stored && attachment;
+    if (!attachment) continue;
+    if (options.json) {
+      out.push_back(AttachmentToJSON(*attachment));
+    } else {
+      fmt::print("{}\n", attachment->primaryKeyValue());
+    }
+  }
+  if (options.json) PrintJSON(out);
+  return all_stored ? 0 : 1;
+}
+
+// `retrieve` of several ids: one line (or --json object) per retrieved id, in the order
+// given; the failures were reported.
+int RunRetrieveMany(const GlobalOptions& options, const AttachmentOptions& retrieve) {
+  std::set<std::uint64_t> seen;
+  for (std::uint64_t id : retrieve.ids) {
+    if (!seen.insert(id).second) {
+      ReportFailure(fmt::format("attachment {} is named twice", id));
+      return kUsageError;
+    }
+  }
+  ErrorRef error;
+  auto context = OpenHost(options, &error);
+  if (!context) return ReportFailure(error);
+  std::vector<std::optional<std::filesystem::path>> copies =
+      RetrieveAttachments(*context, retrieve.ids, retrieve.to, retrieve.force, retrieve.jobs);
+  nlohmann::json out = nlohmann::json::array();
+  bool all_retrieved = true;
+  for (std::size_t i = 0; i < copies.size(); ++i) {
+    all_retrieved = all_retrieved && copies[i];
+    if (!copies[i]) continue;
+    if (options.json) {
+      out.push_back(
+          {{"id", retrieve.ids[i]}, {"status", "finished"}, {"destination", copies[i]->string()}});
+    } else {
+      fmt::print("{}\tfinished\n", retrieve.ids[i]);
+    }
+  }
+  if (options.json) PrintJSON(out);
+  return all_retrieved ? 0 : 1;
 }
 
 // The attachment of `id` and its handler, or a failure already reported.
@@ -271,7 +323,9 @@ Loaded LoadAttachment(const GlobalOptions& options, std::uint64_t id, bool need_
 }
 
 int RunRetrieve(const GlobalOptions& options, const AttachmentOptions& retrieve) {
-  Loaded loaded = LoadAttachment(options, retrieve.id, true);
+  if (retrieve.ids.size() > 1) return RunRetrieveMany(options, retrieve);
+  const std::uint64_t id = retrieve.ids[0];
+  Loaded loaded = LoadAttachment(options, id, true);
   if (!loaded.handler) return loaded.exit_code;
   if (std::string problem = MissingTokenProblem(*loaded.attachment->fileAttachmentScheme());
       !problem.empty()) {
@@ -281,8 +335,7 @@ int RunRetrieve(const GlobalOptions& options, const AttachmentOptions& retrieve)
       *loaded.context, loaded.attachment, loaded.handler, retrieve.to, retrieve.force);
   if (!destination) return 1;
   if (options.json) {
-    PrintJSON(
-        {{"id", retrieve.id}, {"status", "finished"}, {"destination", destination->string()}});
+    PrintJSON({{"id", id}, {"status", "finished"}, {"destination", destination->string()}});
   } else {
     fmt::print("finished\n");
   }
@@ -376,19 +429,24 @@ void AddCoreCommands(CLI::App& app, const GlobalOptions& options, int* exit_code
   SetCommandBody(list_schemes, exit_code, [&options] { return RunSchemeList(options); });
 
   auto store_options = std::make_shared<AttachmentOptions>();
-  CLI::App* store = app.add_subcommand("store", "Store a file as a new attachment; prints its id");
-  store->add_option("file", store_options->file, "The file (a leading ~ is kept as typed)")
+  CLI::App* store =
+      app.add_subcommand("store", "Store files as new attachments; prints their ids in order");
+  store
+      ->add_option("file", store_options->files,
+                   "The files (a leading ~ is kept as typed); one failing does not stop the others")
       ->required();
   store->add_option("--scheme", store_options->scheme, "Scheme name")
       ->required()
       ->check(NonEmptyValidator());
   store->add_option("--path", store_options->path, "Relative folder on the storage");
+  store->add_option("--jobs", store_options->jobs, "Files transferred at once (default 4)")
+      ->check(CLI::Range(1, 64));
   SetCommandBody(store, exit_code,
                  [&options, store_options] { return RunStore(options, *store_options); });
 
   auto retrieve_options = std::make_shared<AttachmentOptions>();
-  CLI::App* retrieve = app.add_subcommand("retrieve", "Bring an attachment's bytes back");
-  retrieve->add_option("id", retrieve_options->id, "Attachment id")
+  CLI::App* retrieve = app.add_subcommand("retrieve", "Bring attachments' bytes back");
+  retrieve->add_option("id", retrieve_options->ids, "Attachment ids")
       ->required()
       ->transform(RecordIDValidator());
   retrieve->add_option("--to", retrieve_options->to, "Destination folder")
@@ -396,6 +454,9 @@ void AddCoreCommands(CLI::App& app, const GlobalOptions& options, int* exit_code
       ->check(NonEmptyValidator());
   retrieve->add_flag("--force", retrieve_options->force,
                      "Replace a file or link of the same name in the destination folder");
+  retrieve
+      ->add_option("--jobs", retrieve_options->jobs, "Attachments transferred at once (default 4)")
+      ->check(CLI::Range(1, 64));
   SetCommandBody(retrieve, exit_code,
                  [&options, retrieve_options] { return RunRetrieve(options, *retrieve_options); });
 

@@ -272,7 +272,7 @@ int ReportTransferFailure(const ErrorRef& error, const HXFileAttachmentSchemeHan
   }
   std::string words = ExplainTransferError(*error, on_share, attachment);
   if (words.empty()) return ReportFailure(error);
-  fmt::print(stderr, "vmattach: {} ({} {})\n", words, error->domain(), error->code());
+  fmt::print(stderr, "{}{} ({} {})\n", FailurePrefix(), words, error->domain(), error->code());
   return 1;
 }
 

@@ -9,12 +9,15 @@
 #include <algorithm>
 #include <cstring>
 #include <iostream>
+#include <list>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <thread>
+#include <utility>
 
 #include "VMAttachments/cloud/VMCWorkFiles.h"
+#include "VMAttachments/schemes/VMFileReferenceAttachment.h"
 #include "host/HXAttachmentCache.h"
 #include "host/HXFileAttachmentScheme.h"
 #include "host/HXFileAttachmentSchemeHandler.h"
@@ -27,6 +30,7 @@
 #include "platform/SafeNames.h"
 #include "platform/ScopedFd.h"
 #include "platform/UniqueID.h"
+#include "tools/vmattach/AttachmentIO.h"
 #include "tools/vmattach/CopyIntoPlace.h"
 #include "tools/vmattach/Host.h"
 
@@ -512,9 +516,9 @@ bool QueuesTransfers(const HXFileAttachmentSchemeHandler& handler) {
 bool StoreThroughTransfer(SqliteObjectContext& context,
                           const std::shared_ptr<HXFileAttachment>& attachment,
                           HXFileAttachmentSchemeHandler& handler, const fs::path& source,
-                          const std::string& relative_path) {
+                          const std::string& relative_path, bool quiet) {
   ReclaimAbandonedFiles(context);
-  auto delegate = std::make_shared<CommandDelegate>("store");
+  auto delegate = std::make_shared<CommandDelegate>(quiet ? "" : "store");
   attachment->setDelegate(delegate);
   ErrorRef error;
   const std::string work_uuid = attachment->attachmentUUID().value_or("");
@@ -562,7 +566,7 @@ bool StoreThroughTransfer(SqliteObjectContext& context,
       }
     });
   }
-  std::vector<Outcome> outcomes = ResumeAndWait(context, uploads, "store", delegate);
+  std::vector<Outcome> outcomes = ResumeAndWait(context, uploads, quiet ? "" : "store", delegate);
   if (cache_copy.joinable()) cache_copy.join();
   if (cacheable && cache_problem.empty()) {
     // Under the identity the record has now: the service's after an upload, else its own.
@@ -592,61 +596,96 @@ bool StoreThroughTransfer(SqliteObjectContext& context,
 
 namespace {
 
-std::optional<fs::path> RetrieveAndCopy(SqliteObjectContext& context,
-                                        const std::shared_ptr<HXFileAttachment>& attachment,
-                                        HXFileAttachmentSchemeHandler& handler,
-                                        const fs::path& destination, bool replace) {
-  const std::string name = attachment->name();
-  if (ErrorRef refused = CheckFileName(name, "attachment name")) return NotRetrieved(refused);
-  const fs::path target = destination / name;
-  std::error_code ec;
-  ErrorRef error;
-  if (!replace && fs::exists(fs::symlink_status(target, ec))) {
-    return NotRetrieved(PosixError(EEXIST, target));
-  }
-  const fs::path cached = CacheFolder(*attachment);
-  if (cached.empty()) return NotRetrieved("no attachment cache");
-  // The scheme downloads into the cache folder; an older copy is set aside so that the
-  // result is the only item there, and comes back if the download fails.
-  CachedCopySetAside set_aside;
-  if (!set_aside.setAside(cached, &error)) return NotRetrieved(error);
-  auto restore = [&] { set_aside.restore(); };
+// One retrieval through the cache: the scheme downloads into the attachment's cache
+// folder, and the result is copied out into the destination. Main thread only.
+class CacheRetrieval {
+ public:
+  CacheRetrieval(std::shared_ptr<HXFileAttachment> attachment,
+                 HXFileAttachmentSchemeHandler& handler, fs::path destination, bool replace,
+                 bool quiet)
+      : attachment_(std::move(attachment)),
+        handler_(handler),
+        destination_(std::move(destination)),
+        replace_(replace),
+        delegate_(std::make_shared<CommandDelegate>(quiet ? "" : "retrieve")) {}
 
-  auto delegate = std::make_shared<CommandDelegate>("retrieve");
-  attachment->setDelegate(delegate);
-  if (!handler.retrieveAttachment(attachment, destination, delegate, &error)) {
-    // Some refusals arrive on the main queue after the call returned.
-    if (!error) delegate->waitForOutcome(std::chrono::seconds(5));
-    restore();
-    return NotRetrieved(error ? error : delegate->error());
-  }
-  if (!delegate->done() && !delegate->waitForOutcome(kTransferTimeout)) {
-    restore();
-    return NotRetrieved("the retrieval did not finish in time");
-  }
-  if (!delegate->finished()) {
-    restore();
-    return NotRetrieved(delegate->error());
-  }
-  // A plain file ends as cache folder / name; an archive is unpacked into a folder of its
-  // own there.
-  fs::path result = cached / name;
-  if (!fs::exists(fs::symlink_status(result, ec))) {
-    result.clear();
-    for (const auto& entry : fs::directory_iterator(cached, ec)) {
-      if (!result.empty()) return NotRetrieved("the cache holds more than the retrieved copy");
-      result = entry.path();
+  // Starts the download. False with the failure reported.
+  bool start() {
+    const std::string name = attachment_->name();
+    if (ErrorRef refused = CheckFileName(name, "attachment name")) return Refused(refused);
+    target_ = destination_ / name;
+    std::error_code ec;
+    ErrorRef error;
+    if (!replace_ && fs::exists(fs::symlink_status(target_, ec))) {
+      return Refused(PosixError(EEXIST, target_));
     }
+    cached_ = CacheFolder(*attachment_);
+    if (cached_.empty()) return Refused("no attachment cache");
+    // The scheme downloads into the cache folder; an older copy is set aside so that the
+    // result is the only item there, and comes back if the download fails.
+    if (!set_aside_.setAside(cached_, &error)) return Refused(error);
+    attachment_->setDelegate(delegate_);
+    if (!handler_.retrieveAttachment(attachment_, destination_, delegate_, &error)) {
+      // Some refusals arrive on the main queue after the call returned.
+      if (!error) delegate_->waitForOutcome(std::chrono::seconds(5));
+      set_aside_.restore();
+      return Refused(error ? error : delegate_->error());
+    }
+    return true;
   }
-  if (result.empty()) return NotRetrieved("the retrieved copy is not in the cache");
-  // The older copy is no longer needed; it goes beside the copy out.
-  std::jthread remove_aside = set_aside.drop();
-  // Flushed before it takes its name, so that a crash after "finished" never leaves a
-  // short file under the name, nor with --replace a short file in place of the one it
-  // replaced.
-  if (!CopyIntoPlace(result, target, replace, &error)) return NotRetrieved(error);
-  if (!context.saveChanges(&error)) return NotRetrieved(error);
-  return target;
+
+  bool done() const { return delegate_->done(); }
+  CommandDelegate& delegate() { return *delegate_; }
+
+  // Once done() (or given up on): the copy made, or nullopt with the failure reported. The
+  // caller saves the context.
+  std::optional<fs::path> finish() {
+    if (!delegate_->done()) {
+      set_aside_.restore();
+      return NotRetrieved("the retrieval did not finish in time");
+    }
+    if (!delegate_->finished()) {
+      set_aside_.restore();
+      return NotRetrieved(delegate_->error());
+    }
+    // A plain file ends as cache folder / name; an archive is unpacked into a folder of
+    // its own there.
+    std::error_code ec;
+    fs::path result = cached_ / attachment_->name();
+    if (!fs::exists(fs::symlink_status(result, ec))) {
+      result.clear();
+      for (const auto& entry : fs::directory_iterator(cached_, ec)) {
+        if (!result.empty()) return NotRetrieved("the cache holds more than the retrieved copy");
+        result = entry.path();
+      }
+    }
+    if (result.empty()) return NotRetrieved("the retrieved copy is not in the cache");
+    // The older copy is no longer needed; it goes beside the copy out.
+    std::jthread remove_aside = set_aside_.drop();
+    // Flushed before it takes its name, so that a crash after "finished" never leaves a
+    // short file under the name, nor with --replace a short file in place of the one it
+    // replaced.
+    ErrorRef error;
+    if (!CopyIntoPlace(result, target_, replace_, &error)) return NotRetrieved(error);
+    return target_;
+  }
+
+ private:
+  const std::shared_ptr<HXFileAttachment> attachment_;
+  HXFileAttachmentSchemeHandler& handler_;
+  const fs::path destination_;
+  const bool replace_;
+  const std::shared_ptr<CommandDelegate> delegate_;
+  fs::path target_;
+  fs::path cached_;
+  CachedCopySetAside set_aside_;
+};
+
+// A failed download stays registered, with nothing of it left on the disk.
+void ClearFailedDownload(SqliteObjectContext& context, const HXFileAttachment& attachment) {
+  for (const auto& transfer : TransfersOf(context, attachment.primaryKeyValue())) {
+    Manager(context).removeEmptyDownloadFolders(*transfer);
+  }
 }
 
 }  // namespace
@@ -654,19 +693,344 @@ std::optional<fs::path> RetrieveAndCopy(SqliteObjectContext& context,
 std::optional<fs::path> RetrieveThroughCache(SqliteObjectContext& context,
                                              const std::shared_ptr<HXFileAttachment>& attachment,
                                              HXFileAttachmentSchemeHandler& handler,
-                                             const fs::path& destination, bool replace) {
+                                             const fs::path& destination, bool replace,
+                                             bool quiet) {
   ReclaimAbandonedFiles(context);
-  std::optional<fs::path> copy =
-      RetrieveAndCopy(context, attachment, handler, destination, replace);
-  // A failed download stays registered, with nothing of it left on the disk.
-  if (!copy) {
-    for (const auto& transfer : TransfersOf(context, attachment->primaryKeyValue())) {
-      Manager(context).removeEmptyDownloadFolders(*transfer);
-    }
+  CacheRetrieval retrieval(attachment, handler, destination, replace, quiet);
+  std::optional<fs::path> copy;
+  if (retrieval.start()) {
+    if (!retrieval.done()) retrieval.delegate().waitForOutcome(kTransferTimeout);
+    copy = retrieval.finish();
+    ErrorRef error;
+    if (copy && !context.saveChanges(&error)) copy = NotRetrieved(error);
   }
+  if (!copy) ClearFailedDownload(context, *attachment);
   // The scheme leaves its emptied decryption folder behind.
   ReclaimAbandonedWorkFiles(context.databaseUUID());
   return copy;
+}
+
+namespace {
+
+// Collects the outcomes of resumed transfers, which arrive on the main queue or within
+// resumeTransfers; taken on the main thread.
+class OutcomeInbox {
+ public:
+  SqliteTransferManager::OutcomeHandler handler() {
+    return [state = state_](const std::shared_ptr<VMAttachmentTransferObject>& transfer,
+                            const ErrorRef& error) {
+      std::lock_guard lock(state->mu);
+      state->arrived.push_back({transfer, error});
+    };
+  }
+  bool any() const {
+    std::lock_guard lock(state_->mu);
+    return !state_->arrived.empty();
+  }
+  std::vector<Outcome> take() {
+    std::lock_guard lock(state_->mu);
+    return std::exchange(state_->arrived, {});
+  }
+
+ private:
+  struct State {
+    std::mutex mu;
+    std::vector<Outcome> arrived;
+  };
+  std::shared_ptr<State> state_ = std::make_shared<State>();
+};
+
+// Runs the main queue until `ready` or a tenth of a second passed, so that a bar moves.
+template <typename Ready>
+void DrainAWhile(Ready ready) {
+  MainQueue::shared().runUntilCondition(
+      ready, std::chrono::steady_clock::now() + std::chrono::milliseconds(100));
+}
+
+// One file of a batch whose upload runs.
+struct RunningUpload {
+  BatchStoreItem* item = nullptr;
+  std::shared_ptr<HXFileAttachment> attachment;
+  TransferList uploads;
+  std::size_t reported = 0;
+  ErrorRef failure;
+  std::chrono::steady_clock::time_point deadline;
+  fs::path staged;            // the cache copy being made; empty when none is
+  std::string cache_problem;  // written by `copy` until joined
+  std::jthread copy;
+};
+
+// The record of one file of a batch, with its upload prepared and registered by
+// storeFile (`*source`: the file's absolute path). Null with the failure reported; the
+// record is then forgotten, so that no later save writes it.
+std::shared_ptr<HXFileAttachment> PrepareUpload(
+    SqliteObjectContext& context, const std::shared_ptr<HXFileAttachmentScheme>& scheme,
+    HXFileAttachmentSchemeHandler& handler, const std::string& file, const std::string& path,
+    fs::path* source) {
+  if (std::string problem = CheckStoreSource(file, false); !problem.empty()) {
+    ReportFailure(problem);
+    return nullptr;
+  }
+  // Said in the system's words here, before a record is made for it.
+  std::error_code ec;
+  if (!file.empty() && !fs::exists(ExpandTildeInPath(file), ec)) {
+    ReportFailure(PosixError(ec ? ec.value() : ENOENT, file));
+    return nullptr;
+  }
+  auto attachment = NewAttachmentForFile(context, scheme, file, source);
+  if (!attachment) return nullptr;
+  auto delegate = std::make_shared<CommandDelegate>("");
+  attachment->setDelegate(delegate);
+  ErrorRef error;
+  const std::string work_uuid = attachment->attachmentUUID().value_or("");
+  const bool stored = handler.storeFile(*source, RelativeStoragePath(*attachment, path), attachment,
+                                        delegate, &error);
+  Manager(context).removeStoreWorkFolder(work_uuid);
+  if (stored) return attachment;
+  ReportFailure(error ? error : delegate->error());
+  ErrorRef ignored;
+  ForgetAttachment(context, attachment, &ignored);
+  return nullptr;
+}
+
+// Once all of a file's uploads reported: its cache copy is put in place under the
+// identity the record has now. False with the failure reported.
+bool FinishUpload(RunningUpload& upload) {
+  if (upload.copy.joinable()) upload.copy.join();
+  HXFileAttachment& attachment = *upload.attachment;
+  if (!upload.staged.empty() && upload.cache_problem.empty() && !upload.failure) {
+    const fs::path cached = CacheFolder(attachment);
+    const fs::path target = cached / attachment.name();
+    std::error_code ec;
+    fs::create_directories(cached, ec);
+    if (!ec && ::renameat2(AT_FDCWD, upload.staged.c_str(), AT_FDCWD, target.c_str(),
+                           RENAME_NOREPLACE) != 0) {
+      ec = std::error_code(errno, std::generic_category());
+    }
+    if (ec) upload.cache_problem = PosixError(ec, target)->localizedDescription();
+  }
+  if (!upload.staged.empty()) {
+    std::error_code ignored;
+    fs::remove_all(upload.staged, ignored);
+  }
+  if (!upload.cache_problem.empty()) {
+    fmt::print(stderr, "{}no cached copy: {}\n", FailurePrefix(),
+               EscapeControlCharacters(upload.cache_problem));
+  }
+  if (!upload.failure) return true;
+  ReportFailure(upload.failure);
+  return Refused(ResumeHint(attachment.primaryKeyValue()));
+}
+
+}  // namespace
+
+void StoreManyThroughTransfer(SqliteObjectContext& context,
+                              const std::shared_ptr<HXFileAttachmentScheme>& scheme,
+                              HXFileAttachmentSchemeHandler& handler, const std::string& path,
+                              std::vector<BatchStoreItem>& items, int jobs) {
+  // Once per command rather than per file: it walks the whole cache.
+  ReclaimAbandonedFiles(context);
+  // One staging folder for the batch's cache copies, owned while the command runs.
+  const fs::path staging = context.cacheDirectory() / (kStagingPrefix + ToLower(MakeUniqueID()));
+  std::error_code ec;
+  fs::create_directories(context.cacheDirectory(), ec);
+  ErrorRef lock_error;
+  OwnerLock staging_lock = OwnerLock::CreateFolder(staging, &lock_error);
+  if (!staging_lock.held()) {
+    fmt::print(stderr, "vmattach: no cached copies: {}\n",
+               ec           ? ec.message()
+               : lock_error ? lock_error->localizedDescription()
+                            : "");
+  }
+
+  ProgressBar bar("store", ProgressBar::Unit::kItems);
+  const auto total = static_cast<std::int64_t>(items.size());
+  std::int64_t ended = 0;
+  OutcomeInbox inbox;
+  std::map<const VMAttachmentTransferObject*, RunningUpload*> by_transfer;
+  std::list<RunningUpload> running;
+  std::size_t next = 0;
+  bool database_failed = false;
+  while (true) {
+    // The next files are prepared while the uploads of the earlier ones run.
+    struct Prepared {
+      BatchStoreItem* item;
+      std::shared_ptr<HXFileAttachment> attachment;
+      fs::path source;
+    };
+    std::vector<Prepared> prepared;
+    while (!database_failed && next < items.size() &&
+           running.size() + prepared.size() < static_cast<std::size_t>(jobs)) {
+      BatchStoreItem& item = items[next++];
+      FailureSubject subject(item.file);
+      fs::path source;
+      if (auto attachment = PrepareUpload(context, scheme, handler, item.file, path, &source)) {
+        prepared.push_back({&item, std::move(attachment), std::move(source)});
+      } else {
+        ++ended;
+      }
+    }
+    ErrorRef error;
+    // Records and their uploads are saved before any byte leaves the machine, so that an
+    // interrupted command is finished by `transfers resume`; one transaction per round.
+    if (!prepared.empty() && !context.saveChanges(&error)) {
+      for (const Prepared& entry : prepared) {
+        FailureSubject subject(entry.item->file);
+        ReportFailure(error);
+        ErrorRef ignored;
+        ForgetAttachment(context, entry.attachment, &ignored);
+        ++ended;
+      }
+      prepared.clear();
+      database_failed = true;  // the files not prepared yet would fail the same way
+    }
+    for (Prepared& entry : prepared) {
+      FailureSubject subject(entry.item->file);
+      const std::uint64_t id = entry.attachment->primaryKeyValue();
+      TransferList uploads;
+      for (const auto& transfer : TransfersOf(context, id)) {
+        if (transfer->operationType() == kTransferOperationUpload) uploads.push_back(transfer);
+      }
+      if (uploads.empty()) {
+        ReportFailure("the scheme registered no upload");
+        ++ended;
+        continue;
+      }
+      RunningUpload& upload = running.emplace_back();
+      upload.item = entry.item;
+      upload.attachment = entry.attachment;
+      upload.uploads = uploads;
+      upload.deadline = std::chrono::steady_clock::now() + kTransferTimeout;
+      // The cache copy is made while the upload runs, as for one file.
+      const std::string name = entry.attachment->name();
+      if (staging_lock.held() && !CacheFolder(*entry.attachment).empty() &&
+          !CheckFileName(name, "attachment name")) {
+        upload.staged = staging / std::to_string(id);
+        upload.copy = std::jthread(
+            [source = entry.source, staged = upload.staged, problem = &upload.cache_problem] {
+              ErrorRef copy_error;
+              if (!CopyIntoPlace(source, staged, false, &copy_error)) {
+                *problem = copy_error->localizedDescription();
+              }
+            });
+      }
+      for (const auto& transfer : uploads) by_transfer[transfer.get()] = &upload;
+      Manager(context).resumeTransfers(uploads, inbox.handler());
+    }
+    if (running.empty()) {
+      if (database_failed || next >= items.size()) break;
+      continue;
+    }
+    DrainAWhile([&inbox] { return inbox.any(); });
+    for (const Outcome& outcome : inbox.take()) {
+      auto found = by_transfer.find(outcome.transfer.get());
+      if (found == by_transfer.end()) continue;  // given up on already
+      RunningUpload& upload = *found->second;
+      by_transfer.erase(found);
+      ++upload.reported;
+      if (outcome.error && !upload.failure) upload.failure = outcome.error;
+    }
+    std::vector<BatchStoreItem*> uploaded;
+    const auto now = std::chrono::steady_clock::now();
+    for (auto it = running.begin(); it != running.end();) {
+      if (it->reported < it->uploads.size() && now < it->deadline) {
+        ++it;
+        continue;
+      }
+      if (it->reported < it->uploads.size()) {
+        it->failure = Error::WithDescription(kVMFileAttachmentDomain, ETIMEDOUT,
+                                             "The transfer did not end in time.");
+        for (const auto& transfer : it->uploads) by_transfer.erase(transfer.get());
+      }
+      FailureSubject subject(it->item->file);
+      if (FinishUpload(*it)) {
+        it->item->attachment = it->attachment;
+        uploaded.push_back(it->item);
+      }
+      ++ended;
+      it = running.erase(it);
+    }
+    // What the uploads changed in the records is saved once per round, not per file.
+    if (!uploaded.empty() && !context.saveChanges(&error)) {
+      for (BatchStoreItem* item : uploaded) {
+        FailureSubject subject(item->file);
+        ReportFailure(error);
+        item->attachment = nullptr;
+      }
+    }
+    bar.update(ended, total);
+  }
+  MainQueue::shared().drainPending();
+  bar.finish();
+  fs::remove_all(staging, ec);
+}
+
+void RetrieveManyThroughCache(SqliteObjectContext& context, std::vector<BatchRetrieveItem>& items,
+                              const fs::path& destination, bool replace, int jobs) {
+  // Once per command rather than per attachment: it walks the whole cache.
+  ReclaimAbandonedFiles(context);
+  struct Running {
+    BatchRetrieveItem* item;
+    std::unique_ptr<CacheRetrieval> retrieval;
+    std::chrono::steady_clock::time_point deadline;
+  };
+  ProgressBar bar("retrieve", ProgressBar::Unit::kItems);
+  const auto total = static_cast<std::int64_t>(items.size());
+  std::int64_t ended = 0;
+  std::list<Running> running;
+  std::size_t next = 0;
+  auto any_done = [&running] {
+    return std::any_of(running.begin(), running.end(),
+                       [](const Running& entry) { return entry.retrieval->done(); });
+  };
+  while (next < items.size() || !running.empty()) {
+    while (next < items.size() && running.size() < static_cast<std::size_t>(jobs)) {
+      BatchRetrieveItem& item = items[next++];
+      FailureSubject subject(std::to_string(item.attachment->primaryKeyValue()));
+      auto retrieval = std::make_unique<CacheRetrieval>(item.attachment, *item.handler, destination,
+                                                        replace, true);
+      if (retrieval->start()) {
+        running.push_back(
+            {&item, std::move(retrieval), std::chrono::steady_clock::now() + kTransferTimeout});
+      } else {
+        ClearFailedDownload(context, *item.attachment);
+        ++ended;
+      }
+    }
+    if (running.empty()) continue;
+    DrainAWhile(any_done);
+    std::vector<BatchRetrieveItem*> copied;
+    const auto now = std::chrono::steady_clock::now();
+    for (auto it = running.begin(); it != running.end();) {
+      if (!it->retrieval->done() && now < it->deadline) {
+        ++it;
+        continue;
+      }
+      FailureSubject subject(std::to_string(it->item->attachment->primaryKeyValue()));
+      it->item->copy = it->retrieval->finish();
+      if (it->item->copy) {
+        copied.push_back(it->item);
+      } else {
+        ClearFailedDownload(context, *it->item->attachment);
+      }
+      ++ended;
+      it = running.erase(it);
+    }
+    ErrorRef error;
+    // What the downloads changed in the records is saved once per round, not per item.
+    if (!copied.empty() && !context.saveChanges(&error)) {
+      for (BatchRetrieveItem* item : copied) {
+        FailureSubject subject(std::to_string(item->attachment->primaryKeyValue()));
+        ReportFailure(error);
+        item->copy.reset();
+      }
+    }
+    bar.update(ended, total);
+  }
+  MainQueue::shared().drainPending();
+  bar.finish();
+  // The scheme leaves its emptied decryption folders behind.
+  ReclaimAbandonedWorkFiles(context.databaseUUID());
 }
 
 void AddTransferCommands(CLI::App& app, const GlobalOptions& options, int* exit_code) {

@@ -6,11 +6,13 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "tools/vmattach/Command.h"
 
 namespace vm {
 class HXFileAttachment;
+class HXFileAttachmentScheme;
 class HXFileAttachmentSchemeHandler;
 class SqliteObjectContext;
 }  // namespace vm
@@ -47,7 +49,8 @@ bool QueuesTransfers(const HXFileAttachmentSchemeHandler& handler);
 bool StoreThroughTransfer(SqliteObjectContext& context,
                           const std::shared_ptr<HXFileAttachment>& attachment,
                           HXFileAttachmentSchemeHandler& handler,
-                          const std::filesystem::path& source, const std::string& relative_path);
+                          const std::filesystem::path& source, const std::string& relative_path,
+                          bool quiet = false);
 
 // `retrieve` through such a scheme: the scheme downloads into the attachment's cache
 // folder; the result (a file or an unpacked folder) is then copied into `destination`
@@ -55,7 +58,38 @@ bool StoreThroughTransfer(SqliteObjectContext& context,
 // `replace`. The copy made, or nullopt with the failure reported on stderr.
 std::optional<std::filesystem::path> RetrieveThroughCache(
     SqliteObjectContext& context, const std::shared_ptr<HXFileAttachment>& attachment,
-    HXFileAttachmentSchemeHandler& handler, const std::filesystem::path& destination, bool replace);
+    HXFileAttachmentSchemeHandler& handler, const std::filesystem::path& destination, bool replace,
+    bool quiet = false);
+
+// One file of StoreManyThroughTransfer.
+struct BatchStoreItem {
+  std::string file;                              // as given
+  std::shared_ptr<HXFileAttachment> attachment;  // set when stored, uploaded and saved
+};
+
+// StoreThroughTransfer of new attachments for many files through `scheme`, whose handler
+// `handler` queues transfers, under `path` (empty: the cache's folder), with at most
+// `jobs` uploads in flight: while some upload, the next files are prepared. The records
+// and uploads prepared together are saved in one transaction before any of their bytes
+// leave the machine. Each failure is reported naming its file; the others go on. Draws
+// one bar for the batch.
+void StoreManyThroughTransfer(SqliteObjectContext& context,
+                              const std::shared_ptr<HXFileAttachmentScheme>& scheme,
+                              HXFileAttachmentSchemeHandler& handler, const std::string& path,
+                              std::vector<BatchStoreItem>& items, int jobs);
+
+// One attachment of RetrieveManyThroughCache.
+struct BatchRetrieveItem {
+  std::shared_ptr<HXFileAttachment> attachment;
+  std::shared_ptr<HXFileAttachmentSchemeHandler> handler;  // one that queues transfers
+  std::optional<std::filesystem::path> copy;               // set when retrieved
+};
+
+// RetrieveThroughCache for many attachments (distinct ones), with at most `jobs`
+// downloads in flight. Each failure is reported naming its id; the others go on. Draws
+// one bar for the batch.
+void RetrieveManyThroughCache(SqliteObjectContext& context, std::vector<BatchRetrieveItem>& items,
+                              const std::filesystem::path& destination, bool replace, int jobs);
 
 }  // namespace vm::vmattach
 
