@@ -794,11 +794,12 @@ std::shared_ptr<HXFileAttachment> PrepareUpload(
 }
 
 // Once all of a file's uploads reported: its cache copy is put in place under the
-// identity the record has now. False with the failure reported.
+// identity the record has now (the service's after an upload, else its own), as for one
+// file. False with the failure reported.
 bool FinishUpload(RunningUpload& upload) {
   if (upload.copy.joinable()) upload.copy.join();
   HXFileAttachment& attachment = *upload.attachment;
-  if (!upload.staged.empty() && upload.cache_problem.empty() && !upload.failure) {
+  if (!upload.staged.empty() && upload.cache_problem.empty()) {
     const fs::path cached = CacheFolder(attachment);
     const fs::path target = cached / attachment.name();
     std::error_code ec;
@@ -851,8 +852,30 @@ void StoreManyThroughTransfer(SqliteObjectContext& context,
   std::list<RunningUpload> running;
   std::size_t next = 0;
   bool database_failed = false;
+  // Each round: the uploads that ended are finished, the next files are prepared to fill
+  // their places, and one transaction saves both; then the new uploads start.
   while (true) {
-    // The next files are prepared while the uploads of the earlier ones run.
+    std::vector<BatchStoreItem*> uploaded;
+    const auto now = std::chrono::steady_clock::now();
+    for (auto it = running.begin(); it != running.end();) {
+      if (it->reported < it->uploads.size() && now < it->deadline) {
+        ++it;
+        continue;
+      }
+      if (it->reported < it->uploads.size()) {
+        it->failure = Error::WithDescription(kVMFileAttachmentDomain, ETIMEDOUT,
+                                             "The transfer did not end in time.");
+        for (const auto& transfer : it->uploads) by_transfer.erase(transfer.get());
+      }
+      FailureSubject subject(it->item->file);
+      if (FinishUpload(*it)) {
+        it->item->attachment = it->attachment;
+        uploaded.push_back(it->item);
+      }
+      ++ended;
+      it = running.erase(it);
+    }
+
     struct Prepared {
       BatchStoreItem* item;
       std::shared_ptr<HXFileAttachment> attachment;
@@ -870,10 +893,16 @@ void StoreManyThroughTransfer(SqliteObjectContext& context,
         ++ended;
       }
     }
+
     ErrorRef error;
-    // Records and their uploads are saved before any byte leaves the machine, so that an
-    // interrupted command is finished by `transfers resume`; one transaction per round.
-    if (!prepared.empty() && !context.saveChanges(&error)) {
+    // New records and their uploads are saved before any byte leaves the machine, so that
+    // an interrupted command is finished by `transfers resume`.
+    if ((!uploaded.empty() || !prepared.empty()) && !context.saveChanges(&error)) {
+      for (BatchStoreItem* item : uploaded) {
+        FailureSubject subject(item->file);
+        ReportFailure(error);
+        item->attachment = nullptr;
+      }
       for (const Prepared& entry : prepared) {
         FailureSubject subject(entry.item->file);
         ReportFailure(error);
@@ -917,10 +946,12 @@ void StoreManyThroughTransfer(SqliteObjectContext& context,
       for (const auto& transfer : uploads) by_transfer[transfer.get()] = &upload;
       Manager(context).resumeTransfers(uploads, inbox.handler());
     }
+    bar.update(ended, total);
     if (running.empty()) {
       if (database_failed || next >= items.size()) break;
       continue;
     }
+
     DrainAWhile([&inbox] { return inbox.any(); });
     for (const Outcome& outcome : inbox.take()) {
       auto found = by_transfer.find(outcome.transfer.get());
@@ -930,35 +961,6 @@ void StoreManyThroughTransfer(SqliteObjectContext& context,
       ++upload.reported;
       if (outcome.error && !upload.failure) upload.failure = outcome.error;
     }
-    std::vector<BatchStoreItem*> uploaded;
-    const auto now = std::chrono::steady_clock::now();
-    for (auto it = running.begin(); it != running.end();) {
-      if (it->reported < it->uploads.size() && now < it->deadline) {
-        ++it;
-        continue;
-      }
-      if (it->reported < it->uploads.size()) {
-        it->failure = Error::WithDescription(kVMFileAttachmentDomain, ETIMEDOUT,
-                                             "The transfer did not end in time.");
-        for (const auto& transfer : it->uploads) by_transfer.erase(transfer.get());
-      }
-      FailureSubject subject(it->item->file);
-      if (FinishUpload(*it)) {
-        it->item->attachment = it->attachment;
-        uploaded.push_back(it->item);
-      }
-      ++ended;
-      it = running.erase(it);
-    }
-    // What the uploads changed in the records is saved once per round, not per file.
-    if (!uploaded.empty() && !context.saveChanges(&error)) {
-      for (BatchStoreItem* item : uploaded) {
-        FailureSubject subject(item->file);
-        ReportFailure(error);
-        item->attachment = nullptr;
-      }
-    }
-    bar.update(ended, total);
   }
   MainQueue::shared().drainPending();
   bar.finish();
