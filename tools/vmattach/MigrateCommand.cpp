@@ -14,6 +14,7 @@
 #include "VMAttachments/schemes/VMAFPAttachment.h"
 #include "VMAttachments/schemes/VMArchiverAttachment.h"
 #include "host/HXFileAttachmentScheme.h"
+#include "host/VMAttachmentTransferManager.h"
 #include "host/sqlite/SqliteObjectContext.h"
 #include "platform/OwnerLock.h"
 #include "platform/SafeNames.h"
@@ -421,6 +422,13 @@ std::optional<Outcome> Migrator::finish(const MigrationJournal::Entry& entry) {
     if (!ResumeTransfersOf(context_, staged->primaryKeyValue())) {
       return Failed("the staged upload could not be finished; run the command again");
     }
+  }
+  if (handler && QueuesTransfers(*handler) && staged->uploaded().value_or(false) &&
+      staged->initialAttachmentUUID()) {
+    // An upload saves its row before it gives up its registration: one killed in between
+    // is done, and its registration goes.
+    context_.attachmentTransferManager()->removeTransferForAttachmentIdentifier(
+        *staged->initialAttachmentUUID());
   }
   if (!staged->uploaded().value_or(false)) {
     // A copy that never finished landing is not worth keeping: it goes, and the move

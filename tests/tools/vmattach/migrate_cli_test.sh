@@ -180,8 +180,10 @@ unset VMATTACH_TEST_STOP_AT
 check "still on the cloud, the earlier move finished" \
   test "$(scheme_of "$big") $(scheme_of "$note") $(stored) $(blobs)" = "cloud arch 2 2"
 check "and retrievable" retrievable "$big" "$note" "$tree"
+staged=$(cd "$work/storage" && find . -name big.bin | cut -c3-)
 check "the next run finishes the move" test "$(va migrate "$big" "$note" --to arch --json | json '.moved.join()')" = "$big"
-check "reusing the staged copy: one copy of each" test "$(stored) $(blobs)" = "2 1"
+check "reusing the staged copy: one copy of each" \
+  test "$(stored) $(blobs) $(va show "$big" --json | json '["attachmentPath"]')" = "2 1 $staged"
 check "no staging row, journal entry, transfer or work file is left" \
   test "$(va list | wc -l) $(sqlite3 "$work/data/attachments.sqlite" 'SELECT count(*) FROM migrations') $(va transfers | wc -l) $(find "$work/data/migrating" -mindepth 1 | wc -l)" = "3 0 0 0"
 check "all retrievable at the end" retrievable "$big" "$note" "$tree"
