@@ -40,6 +40,7 @@ using sqlite_internal::SqliteFileAttachment;
 using sqlite_internal::StartPrimaryKeys;
 using sqlite_internal::TableForEntity;
 using sqlite_internal::TakePrimaryKey;
+using sqlite_internal::TakePrimaryKeys;
 using sqlite_internal::WriteRecordRow;
 using sqlite_internal::WriteSetting;
 
@@ -180,7 +181,10 @@ std::shared_ptr<HXRecord> SqliteObjectContext::createObject(std::string_view ent
     return nullptr;
   }
   std::uint64_t key = 0;
-  if (insert) {
+  if (insert && !reserved_keys_.empty()) {
+    key = reserved_keys_.front();
+    reserved_keys_.pop_front();
+  } else if (insert) {
     std::optional<std::uint64_t> next = TakePrimaryKey(*db_, primary_key_offset_, error);
     if (!next) return nullptr;
     key = *next;
@@ -192,6 +196,15 @@ std::shared_ptr<HXRecord> SqliteObjectContext::createObject(std::string_view ent
     unsaved_inserts_.insert(map_key);
   }
   return record;
+}
+
+bool SqliteObjectContext::reservePrimaryKeys(std::size_t count, ErrorRef* error) {
+  std::lock_guard lock(mu_);
+  std::optional<std::vector<std::uint64_t>> keys =
+      TakePrimaryKeys(*db_, primary_key_offset_, count, error);
+  if (!keys) return false;
+  reserved_keys_.insert(reserved_keys_.end(), keys->begin(), keys->end());
+  return true;
 }
 
 std::shared_ptr<HXFileAttachment> SqliteObjectContext::insertAttachment(ErrorRef* error) {

@@ -3,6 +3,7 @@
 
 #include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <filesystem>
 #include <functional>
 #include <map>
@@ -76,6 +77,11 @@ class SqliteObjectContext : public HXObjectContext, public HXInstanceCache {
   std::shared_ptr<HXFileAttachmentScheme> insertScheme(std::string name,
                                                        std::string handler_class_name,
                                                        ErrorRef* error = nullptr);
+  // Takes `count` primary keys in one transaction for the inserts that follow, which use
+  // them first, in order: a command that makes many records pays one commit for their keys,
+  // not one each. Keys not used by the time the context goes are skipped, never reused.
+  // False with `*error` as for an insert.
+  bool reservePrimaryKeys(std::size_t count, ErrorRef* error);
   std::shared_ptr<HXFileAttachmentScheme> schemeNamed(const std::string& name);
   std::shared_ptr<HXFileAttachmentScheme> schemeWithPrimaryKey(std::uint64_t key);
   std::vector<std::shared_ptr<HXFileAttachmentScheme>> allSchemes(ErrorRef* error = nullptr);
@@ -162,6 +168,8 @@ class SqliteObjectContext : public HXObjectContext, public HXInstanceCache {
   std::recursive_mutex mu_;
   // Every record handed out, by (entity, key). Invariant: one object per row.
   std::map<std::pair<std::string, std::uint64_t>, std::shared_ptr<HXRecord>, std::less<>> records_;
+  // Keys taken by reservePrimaryKeys() and not used yet, the next first.
+  std::deque<std::uint64_t> reserved_keys_;
   // Keys of records created here and not yet written.
   std::set<std::pair<std::string, std::uint64_t>> unsaved_inserts_;
   std::map<std::uint64_t, std::string> pending_task_lists_;

@@ -831,6 +831,10 @@ void StoreManyThroughTransfer(SqliteObjectContext& context,
                               std::vector<BatchStoreItem>& items, int jobs) {
   // Once per command rather than per file: it walks the whole cache.
   ReclaimAbandonedFiles(context);
+  // The keys of all the records in one commit rather than one each; when that fails, each
+  // insert takes its own and reports what failed.
+  ErrorRef reserve_error;
+  context.reservePrimaryKeys(items.size(), &reserve_error);
   // One staging folder for the batch's cache copies, owned while the command runs.
   const fs::path staging = context.cacheDirectory() / (kStagingPrefix + ToLower(MakeUniqueID()));
   std::error_code ec;

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <vector>
 
 #include "host/sqlite/SqliteDatabase.h"
 
@@ -19,8 +20,13 @@ namespace vm::sqlite_internal {
 // block. Runs inside the caller's transaction.
 bool StartPrimaryKeys(SqliteDatabase& db, std::optional<std::int64_t> offset, ErrorRef* error);
 
-// Takes the next block's key; nullopt when the counter's advance did not commit (a block
-// whose advance was not committed may be another process's, so it is not used).
+// Takes the next `count` (at least 1) blocks' keys in one transaction, in increasing
+// order; nullopt when the counter's advance did not commit (a block whose advance was not
+// committed may be another process's, so it is not used).
+std::optional<std::vector<std::uint64_t>> TakePrimaryKeys(SqliteDatabase& db, std::int64_t offset,
+                                                          std::size_t count, ErrorRef* error);
+
+// TakePrimaryKeys of one key.
 std::optional<std::uint64_t> TakePrimaryKey(SqliteDatabase& db, std::int64_t offset,
                                             ErrorRef* error);
 

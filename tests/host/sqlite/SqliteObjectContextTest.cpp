@@ -190,6 +190,28 @@ TEST(SqliteObjectContextTest, TwoContextsOnOneFolderNeverShareAKey) {
   for (std::uint64_t key : keys) EXPECT_EQ(key % 1000, 345u);
 }
 
+// Keys reserved in one transaction are the next inserts', and another context never gets
+// one of them.
+TEST(SqliteObjectContextTest, ReservedKeysGoFirstAndAreNeverShared) {
+  TempDir dir;
+  auto first = Open(dir);
+  auto second = Open(dir);
+  ErrorRef error;
+  ASSERT_TRUE(first->reservePrimaryKeys(5, &error)) << error->summary();
+  const std::uint64_t block = std::stoull(*first->setting("nextKeyBlock"));
+  std::set<std::uint64_t> keys;
+  for (int i = 0; i < 6; ++i) {
+    keys.insert(first->insertAttachment()->primaryKeyValue());
+    keys.insert(second->insertAttachment()->primaryKeyValue());
+  }
+  EXPECT_EQ(keys.size(), 12u);
+  EXPECT_EQ(*keys.begin(), (block - 5) * 1000 + 345);
+  // Six keys of the second and one of the first, past the reserved five.
+  EXPECT_EQ(std::stoull(*first->setting("nextKeyBlock")), block + 7);
+  ASSERT_TRUE(first->saveChanges(&error)) << error->summary();
+  ASSERT_TRUE(second->saveChanges(&error)) << error->summary();
+}
+
 // Another process that holds the write lock may be taking the very block this context would
 // read: the insert must fail rather than hand out a key from an advance it did not commit.
 TEST(SqliteObjectContextTest, AKeyBlockThatCannotBeCommittedIsNeverHandedOut) {
