@@ -12,7 +12,10 @@
 //
 //   cloud_batch_store_bench [--files 1000] [--kib 20] [--jobs 4] [--rounds 5]
 //                           [--form batch|single] [--rclone /usr/bin/rclone]
-//                           [--s3rver PATH]
+//                           [--s3rver PATH] [--dir /tmp]
+//
+// --dir holds everything the run writes (the files, both stores, s3rver's folder and
+// vmattach's TMPDIR); /dev/shm takes the file system's inode allocation out of the figures.
 
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -50,6 +53,7 @@ struct Options {
   std::string form = "batch";
   std::string rclone = "/usr/bin/rclone";
   std::string s3rver = VM_S3RVER_PATH;
+  std::string dir = "/tmp";
 };
 
 Options Parse(const std::vector<std::string>& args) {
@@ -63,6 +67,7 @@ Options Parse(const std::vector<std::string>& args) {
     if (args[i] == "--form") options.form = value;
     if (args[i] == "--rclone") options.rclone = value;
     if (args[i] == "--s3rver") options.s3rver = value;
+    if (args[i] == "--dir") options.dir = value;
   }
   return options;
 }
@@ -206,10 +211,13 @@ class Bench {
 };
 
 int Drive(const Options& options) {
-  char pattern[] = "/tmp/vm-cloud-batch-bench-XXXXXX";
-  if (::mkdtemp(pattern) == nullptr) return 1;
+  std::string pattern = options.dir + "/vm-cloud-batch-bench-XXXXXX";
+  if (::mkdtemp(pattern.data()) == nullptr) return 1;
   const fs::path work = pattern;
   fs::create_directories(work / "s3");
+  // vmattach's work files go beside everything else the run writes.
+  fs::create_directories(work / "tmp");
+  ::setenv("TMPDIR", (work / "tmp").c_str(), 1);
   vm::bench::Server s3 =
       vm::bench::StartServer({options.s3rver, "--address", "127.0.0.1", "--port", "0",
                               "--directory", (work / "s3").string(), "--configure-bucket",
