@@ -29,7 +29,10 @@ pids=()
 start_server() {
   local log=$1 deadline=$((SECONDS + 60)) alive
   shift
-  "$@" >"$log" 2>&1 &
+  # Emptied here, not by the child's redirection: a restarted server's log would otherwise
+  # still show the last run's port until the child gets to run.
+  : >"$log"
+  "$@" >>"$log" 2>&1 &
   server_pid=$!
   pids+=("$server_pid")
   port=""
