@@ -27,11 +27,13 @@ bool IsOwnFolder(const fs::path& path) {
   return ::lstat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode) && info.st_uid == ::geteuid();
 }
 
-// Whether the folder holds nothing but, at most, the work file a decryption leaves.
+// Whether the folder holds nothing but, at most, the work file a decryption or a trial
+// decryption leaves.
 bool HoldsOnlyDecryptionWork(const fs::path& folder) {
   std::error_code ec;
   for (const fs::directory_entry& entry : fs::directory_iterator(folder, ec)) {
-    if (entry.path().filename() != kCryptFileName) return false;
+    const fs::path name = entry.path().filename();
+    if (name != kCryptFileName && name != kTrialDecryptionFileName) return false;
   }
   return !ec;
 }
@@ -60,7 +62,7 @@ void ReclaimAbandonedWorkFiles(const std::string& database_uuid) {
       RemoveIfAbandoned(entry.path());
     }
   }
-  // A save's: folders named by an attachment's UUID, owned while the decryption runs.
+  // A save's and a recovery's: folders named by a UUID, owned while the decryption runs.
   // The temporary folder is shared, so only a folder that looks like nothing else goes.
   for (const fs::directory_entry& entry : fs::directory_iterator(temporary, ec)) {
     const std::string name = entry.path().filename().string();

@@ -14,6 +14,7 @@
 
 #include "VMAttachments/archive/BWFileWrapperAdditions.h"
 #include "VMAttachments/cloud/VMCAttachment.h"
+#include "VMAttachments/cloud/VMCWorkFiles.h"
 #include "VMAttachments/recovery/CloudAttachmentRecovery.h"
 #include "VMAttachments/recovery/internal/FileDigest.h"
 #include "VMAttachments/recovery/internal/RecoverySupport.h"
@@ -21,6 +22,7 @@
 #include "host/HostConstants.h"
 #include "host/VMAttachmentTransferManager.h"
 #include "platform/Operation.h"
+#include "platform/OwnerLock.h"
 #include "platform/UniqueID.h"
 
 namespace vm {
@@ -32,7 +34,6 @@ using recovery_internal::LogError;
 namespace {
 
 constexpr char kCryptFileName[] = "crypt";
-constexpr char kTestDecryptFileName[] = "testDecrypt";
 
 // Crypt file URL -> SHA-1 of its bytes. Ordered, so that a record meets the candidates
 // in the same order on every run.
@@ -91,11 +92,15 @@ bool ProveByTrialDecryption(const std::shared_ptr<HXFileAttachment>& record,
                             const std::filesystem::path& crypt) {
   std::error_code ec;
   std::filesystem::path folder = std::filesystem::temp_directory_path(ec) / MakeUniqueID();
-  if (ec || !std::filesystem::create_directories(folder, ec) || ec) {
+  // Held until the folder is gone, so that a process killed while it decrypts leaves the
+  // folder to the next one's reclaiming (ReclaimAbandonedWorkFiles).
+  ErrorRef lock_error;
+  OwnerLock owner = ec ? OwnerLock() : OwnerLock::CreateFolder(folder, &lock_error);
+  if (!owner.held()) {
     Log(fmt::format("Could not create test decrypt path at {}", FileURLString(folder)));
     return false;
   }
-  std::filesystem::path scratch = folder / kTestDecryptFileName;
+  std::filesystem::path scratch = folder / kTrialDecryptionFileName;
   if (!recovery_internal::CreateEmptyFile(scratch)) {
     Log(fmt::format("Could not create test decrypt file at {}", FileURLString(scratch)));
     std::filesystem::remove(folder, ec);

@@ -99,4 +99,17 @@ check "and gives the same bytes" cmp -s "$work/in/large.bin" "$work/out/large.bi
 check "and reclaims the partial decryption" nothing_left "$(va show "$id_large" --json |
   sed -n 's/.*"uuid": "\(.*\)".*/\1/p')"
 
+# A lost upload (its blob URL unreachable, then its registration and cached copy gone),
+# which recover proves by decrypting a trial copy of its work file.
+echo "127.0.0.1:1" >"$work/target"
+va store "$work/in/large.bin" --scheme cloud >/dev/null 2>&1
+lost=$(sqlite3 "$work/data/attachments.sqlite" "SELECT attachmentUUID FROM attachments WHERE uploaded = 0")
+sqlite3 "$work/data/attachments.sqlite" "DELETE FROM transfers"
+rm -rf "$work/data/cache/${lost:0:2}/$lost"
+check "a recover killed while it decrypts its trial copy" \
+  kill_when "$TMPDIR/*-*-*-*-*/testDecrypt" recover
+echo "127.0.0.1:$port" >"$work/target"
+check "the next recover succeeds" va recover >/dev/null
+check "and reclaims the trial copy" nothing_left
+
 finish "vmattach reclaiming"
