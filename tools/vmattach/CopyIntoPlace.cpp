@@ -9,6 +9,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <string_view>
+#include <vector>
 
 #include "platform/OwnerLock.h"
 #include "platform/ScopedFd.h"
@@ -17,6 +19,8 @@ namespace vm::vmattach {
 namespace {
 
 namespace fs = std::filesystem;
+
+constexpr std::string_view kPartialSuffix = ".vmattach-partial";
 
 // The most one kernel copy call is asked for; the call may do less.
 constexpr std::size_t kCopyChunk = std::size_t{1} << 30;
@@ -130,11 +134,32 @@ bool PutInPlace(const fs::path& partial, const fs::path& to, bool replace, Error
 }  // namespace
 
 fs::path PartialPathFor(const fs::path& to) {
-  return to.parent_path() / ("." + to.filename().string() + ".vmattach-partial");
+  return to.parent_path() / ("." + to.filename().string() + std::string(kPartialSuffix));
+}
+
+void ReclaimAbandonedPartials(const fs::path& folder) {
+  std::vector<fs::path> partials;
+  std::error_code ec;
+  for (fs::directory_iterator it(folder, ec), end; !ec && it != end; it.increment(ec)) {
+    const std::string name = it->path().filename().string();
+    if (name.size() > kPartialSuffix.size() + 1 && name.front() == '.' &&
+        name.ends_with(kPartialSuffix)) {
+      partials.push_back(it->path());
+    }
+  }
+  for (const fs::path& partial : partials) {
+    // The folder may be shared: only what this user's copies make is looked at.
+    struct stat info {};
+    if (::lstat(partial.c_str(), &info) == 0 && info.st_uid == ::geteuid() &&
+        (S_ISREG(info.st_mode) || S_ISDIR(info.st_mode))) {
+      RemoveIfAbandoned(partial);
+    }
+  }
 }
 
 bool CopyIntoPlace(const fs::path& from, const fs::path& to, bool replace, ErrorRef* error) {
   const fs::path partial = PartialPathFor(to);
+  ReclaimAbandonedPartials(to.parent_path().empty() ? fs::path(".") : to.parent_path());
   if (!RemoveIfAbandoned(partial)) return Fail(error, PosixError(EBUSY, partial));
   struct stat info {};
   if (::lstat(from.c_str(), &info) != 0) return Fail(error, PosixError(errno, from));

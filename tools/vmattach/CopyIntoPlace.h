@@ -18,7 +18,8 @@ namespace vm::vmattach {
 //    takes `to`'s name: a crash never leaves a short file under it.
 //  - The copy is made under the hidden name PartialPathFor(to), which carries this
 //    process's OwnerLock while it is made; one found there from a writer that died is
-//    removed first, one whose writer still runs fails the copy (EBUSY).
+//    removed first, one whose writer still runs fails the copy (EBUSY). The abandoned
+//    partial copies of other targets in `to`'s folder go too (ReclaimAbandonedPartials).
 //  - An existing `to` is refused (EEXIST) unless `replace`: then the copy is swapped in in
 //    one step and the old item removed after. On failure nothing new is under `to` and
 //    the partial copy is gone.
@@ -28,6 +29,11 @@ bool CopyIntoPlace(const std::filesystem::path& from, const std::filesystem::pat
 
 // The hidden name beside `to` under which CopyIntoPlace makes its copy.
 std::filesystem::path PartialPathFor(const std::filesystem::path& to);
+
+// Removes the partial copies in `folder` whose writer is gone: items named as
+// PartialPathFor names them, files or folders (never links) of this user's, whose
+// OwnerLock no live process holds. Touches nothing else.
+void ReclaimAbandonedPartials(const std::filesystem::path& folder);
 
 }  // namespace vm::vmattach
 

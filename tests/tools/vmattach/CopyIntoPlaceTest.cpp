@@ -142,5 +142,37 @@ TEST(CopyIntoPlaceTest, ReclaimsOnlyAPartialCopyWhoseWriterIsGone) {
   }
 }
 
+// A copy into a folder also reclaims the partial copies other targets' killed writers left
+// there, and nothing else: not a live writer's, not a link, not a user's file of another
+// name.
+TEST(CopyIntoPlaceTest, ReclaimsTheFoldersAbandonedPartialCopiesOfOtherTargets) {
+  TempDir dir;
+  WriteFile(dir / "source.txt", "whole");
+  const fs::path out = dir / "out";
+  fs::create_directories(out);
+  Writer live([&] {
+    ErrorRef ignored;
+    static OwnerLock held;
+    held = OwnerLock::CreateFile(PartialPathFor(out / "live.bin"), 0600, &ignored);
+    return held.held();
+  });
+  WriteFile(PartialPathFor(out / "dead.bin"), "half");
+  fs::create_directories(PartialPathFor(out / "dead-folder") / "inner");
+  WriteFile(out / "kept.vmattach-partial", "a user's");
+  WriteFile(out / ".kept.txt", "a user's");
+  WriteFile(dir / "elsewhere.txt", "a user's");
+  fs::create_symlink(dir / "elsewhere.txt", PartialPathFor(out / "link"));
+
+  ErrorRef error;
+  ASSERT_TRUE(CopyIntoPlace(dir / "source.txt", out / "new.txt", false, &error));
+  EXPECT_FALSE(fs::exists(PartialPathFor(out / "dead.bin")));
+  EXPECT_FALSE(fs::exists(PartialPathFor(out / "dead-folder")));
+  EXPECT_TRUE(fs::exists(PartialPathFor(out / "live.bin")));
+  EXPECT_TRUE(fs::is_symlink(PartialPathFor(out / "link")));
+  EXPECT_EQ(ReadFile(dir / "elsewhere.txt"), "a user's");
+  EXPECT_EQ(ReadFile(out / "kept.vmattach-partial"), "a user's");
+  EXPECT_EQ(ReadFile(out / ".kept.txt"), "a user's");
+}
+
 }  // namespace
 }  // namespace vm::vmattach
