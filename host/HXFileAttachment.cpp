@@ -188,6 +188,15 @@ std::optional<KeyedValue> HXFileAttachment::objectForKeyedSubscript(std::string_
   return it->second;
 }
 
+Bytes HXFileAttachment::bytesForKeyedSubscript(std::string_view key) const {
+  std::optional<KeyedValue> value = objectForKeyedSubscript(key);
+  if (!value) return {};
+  if (const auto* bytes = std::get_if<Bytes>(&*value)) return *bytes;
+  if (const auto* text = std::get_if<std::string>(&*value))
+    return Bytes(text->begin(), text->end());
+  return {};
+}
+
 void HXFileAttachment::setObject(std::optional<KeyedValue> value, std::string_view key) {
   std::lock_guard lock(mu_);
   if (value) {

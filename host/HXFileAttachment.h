@@ -88,6 +88,9 @@ class HXFileAttachment : public HXRecord {
 
   // Keyed values; setting nullopt removes the key.
   std::optional<KeyedValue> objectForKeyedSubscript(std::string_view key) const;
+  // The keyed value as bytes (e.g. a stored hash): data as is, a string's characters;
+  // empty when the key is absent or holds a number.
+  Bytes bytesForKeyedSubscript(std::string_view key) const;
   void setObject(std::optional<KeyedValue> value, std::string_view key);
   std::map<std::string, KeyedValue, std::less<>> keyedValues() const;
 

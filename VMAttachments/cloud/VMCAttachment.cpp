@@ -188,15 +188,6 @@ bool WriteAll(int fd, const std::uint8_t* bytes, std::size_t length) {
   return true;
 }
 
-Bytes StoredHash(const HXFileAttachment& attachment, std::string_view key) {
-  std::optional<KeyedValue> value = attachment.objectForKeyedSubscript(key);
-  if (!value) return {};
-  if (const auto* bytes = std::get_if<Bytes>(&*value)) return *bytes;
-  if (const auto* text = std::get_if<std::string>(&*value))
-    return Bytes(text->begin(), text->end());
-  return {};
-}
-
 // Compared as 20 bytes each: a missing or short stored value is a mismatch, never read
 // past its end.
 bool DigestMatches(const Bytes& digest, const Bytes& stored) {
@@ -474,8 +465,8 @@ bool VMCAttachment::processAttachment(const std::shared_ptr<HXFileAttachment>& a
     return true;
   }
 
-  const Bytes stored_source = StoredHash(*attachment, kHXFileAttachmentSourceHash);
-  const Bytes stored_crypted = StoredHash(*attachment, kHXFileAttachmentCryptedHash);
+  const Bytes stored_source = attachment->bytesForKeyedSubscript(kHXFileAttachmentSourceHash);
+  const Bytes stored_crypted = attachment->bytesForKeyedSubscript(kHXFileAttachmentCryptedHash);
   Error::Numbers problems;
   problems.reserve(2);
   if (stored_source.empty() && stored_crypted.empty()) {

@@ -27,15 +27,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-Bytes HashOf(const HXFileAttachment& attachment, std::string_view key) {
-  std::optional<KeyedValue> value = attachment.objectForKeyedSubscript(key);
-  if (!value) return {};
-  if (const auto* bytes = std::get_if<Bytes>(&*value)) return *bytes;
-  if (const auto* text = std::get_if<std::string>(&*value))
-    return Bytes(text->begin(), text->end());
-  return {};
-}
-
 constexpr std::size_t kReadChunk = 1 << 20;
 constexpr std::uint64_t kAPIReplyLimit = 1 << 20;
 constexpr double kStorageTimeout = 60.0;
@@ -323,8 +314,8 @@ CloudVerifyTarget CloudVerifyTargetOf(const HXFileAttachment& attachment,
   target.uploaded = attachment.uploaded().value_or(false);
   target.uuid = attachment.attachmentUUID().value_or("");
   if (handler.authToken()) target.token = handler.authToken()->bearer();
-  target.crypted_hash = HashOf(attachment, kHXFileAttachmentCryptedHash);
-  target.source_hash = HashOf(attachment, kHXFileAttachmentSourceHash);
+  target.crypted_hash = attachment.bytesForKeyedSubscript(kHXFileAttachmentCryptedHash);
+  target.source_hash = attachment.bytesForKeyedSubscript(kHXFileAttachmentSourceHash);
   target.encryption_data = attachment.encryptionData().value_or(Bytes{});
   return target;
 }
