@@ -295,22 +295,6 @@ TEST_F(ServiceProcessTest, ACutUploadLeavesNothingBehind) {
   EXPECT_FALSE(fs::exists(data_ / "blobs" / started.json()["uuid"].get<std::string>()));
 }
 
-// A free TCP port on 127.0.0.1 for a program that cannot pick its own and say which.
-int FreePort() {
-  int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  int port = 0;
-  if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
-      ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0) {
-    port = ntohs(address.sin_port);
-  }
-  ::close(fd);
-  return port;
-}
-
 std::string PercentEncoded(std::string_view text) {
   std::string out;
   for (unsigned char c : text) {
@@ -334,14 +318,24 @@ TEST_F(ServiceProcessTest, PrometheusScrapesIt) {
                                                  "  - job_name: vmcloudd\n    static_configs:\n"
                                                  "      - targets: ['127.0.0.1:{}']\n",
                                                  MetricsPort()));
-  const int port = FreePort();
+  // Prometheus binds port 0 and logs the port it got, so no other process can take it
+  // between a pick and the bind.
   ErrorRef error;
-  auto prometheus = ChildProcess::Start(
-      {"prometheus", "--config.file=" + (dir_ / "prometheus.yml").string(),
-       "--storage.tsdb.path=" + (dir_ / "tsdb").string(),
-       "--web.listen-address=127.0.0.1:" + std::to_string(port), "--log.level=warn"},
-      dir_ / "prometheus.log", {}, &error);
+  auto prometheus =
+      ChildProcess::Start({"prometheus", "--config.file=" + (dir_ / "prometheus.yml").string(),
+                           "--storage.tsdb.path=" + (dir_ / "tsdb").string(),
+                           "--web.listen-address=127.0.0.1:0", "--log.level=info"},
+                          dir_ / "prometheus.log", {}, &error);
   ASSERT_TRUE(prometheus) << error->summary();
+  long long port = -1;
+  ASSERT_TRUE(Eventually(
+      [&] {
+        port = Captured(ReadFile(dir_ / "prometheus.log"),
+                        R"(msg="Listening on" address=127\.0\.0\.1:(\d+))");
+        return port > 0;
+      },
+      std::chrono::seconds(60)))
+      << ReadFile(dir_ / "prometheus.log");
   // The value of the first series `query` finds; -1 while there is none.
   auto value = [&](const std::string& query) {
     HttpReply reply = Send("GET", fmt::format("http://127.0.0.1:{}/api/v1/query?query={}", port,
