@@ -8,16 +8,10 @@
 set -u
 vmattach=$1
 vmcloudd=$2
-here=$(cd "$(dirname "$0")" && pwd)
-source "$here/check.sh"
-work=$(mktemp -d)
-export TMPDIR="$work/tmp"
-mkdir -p "$TMPDIR"
-trap 'stop_servers; rm -rf "$work"' EXIT
-start_server "$work/service.log" "$vmcloudd" --listen 127.0.0.1:0 --data "$work/service" --token sekrit
+source "$(dirname "$0")/check.sh"
+setup_work
+start_cloud_service
 
-va() { "$vmattach" --data-dir "$work/data" "$@"; }
-json() { node -e "const r=JSON.parse(require('fs').readFileSync('$1'));console.log($2)"; }
 va scheme add cloud --type cloud --api "http://127.0.0.1:$port" --token sekrit >/dev/null
 va scheme add arch --type archiver --folder "$work/storage" >/dev/null
 va scheme add refs --type reference >/dev/null
@@ -33,8 +27,7 @@ va store "${files[@]}" --scheme cloud --jobs 8 >"$work/ids"
 check "a store of 50 files exits 0" test $? -eq 0
 mapfile -t ids <"$work/ids"
 check "it prints 50 ids" test "${#ids[@]}" -eq 50
-names=$(for id in "${ids[@]}"; do va show "$id" --json | node -e \
-  "let s='';process.stdin.on('data',d=>s+=d).on('end',()=>console.log(JSON.parse(s).name))"; done)
+names=$(for id in "${ids[@]}"; do va show "$id" --json | json .name; done)
 check "in argument order" test "$names" = "$(for i in $(seq 1 50); do echo "f$i.bin"; done)"
 va retrieve "${ids[@]}" --to "$work/out" --jobs 8 >"$work/retrieved"
 check "a retrieval of 50 ids exits 0" test $? -eq 0
@@ -51,7 +44,7 @@ va retrieve "${ids[0]}" 999999999 --to "$work/out" --force --json >"$work/out.js
 check "an unknown id fails alone" test $? -eq 1
 check "named in the message" grep -q "^vmattach: 999999999: no attachment with id 999999999" "$work/err"
 check "the other is retrieved, as an array of one" \
-  test "$(json "$work/out.json" "r.length+' '+r[0].id+' '+r[0].status")" = "1 ${ids[0]} finished"
+  test "$(json ".map(x=>x.id+' '+x.status).join()" <"$work/out.json")" = "${ids[0]} finished"
 va retrieve "${ids[0]}" "${ids[0]}" --to "$work/out" >/dev/null 2>&1
 check "an id named twice is a usage error" test $? -eq 2
 
@@ -71,13 +64,13 @@ check "nothing is left pending" test -z "$(va transfers)"
 va store "$work/in/f1.bin" "$work/in/f2.bin" "$work/in/f3.bin" --scheme arch --json >"$work/arch.json"
 check "a store through the storage folder exits 0" test $? -eq 0
 check "--json gives an array of the three rows, in order" \
-  test "$(json "$work/arch.json" "r.map(x=>x.name).join()")" = "f1.bin,f2.bin,f3.bin"
-va retrieve $(json "$work/arch.json" "r.map(x=>x.id).join(' ')") --to "$work/arch-out" >/dev/null
+  test "$(json ".map(x=>x.name).join()" <"$work/arch.json")" = "f1.bin,f2.bin,f3.bin"
+va retrieve $(json ".map(x=>x.id).join(' ')" <"$work/arch.json") --to "$work/arch-out" >/dev/null
 check "and they come back" cmp -s "$work/in/f3.bin" "$work/arch-out/f3.bin"
 va store "$work/in/f4.bin" "$work/in/none" "$work/in/f5.bin" --scheme refs >"$work/ids" 2>/dev/null
 check "references are recorded for any path" test $? -eq 0 -a "$(wc -l <"$work/ids")" -eq 3
 va store "$work/in/f4.bin" --scheme cloud --json >"$work/one.json"
-check "a single file still gives one object" test "$(json "$work/one.json" "Array.isArray(r)")" = false
+check "a single file still gives one object" test "$(json " instanceof Array" <"$work/one.json")" = false
 va store "$work/in/f4.bin" "$work/in/f5.bin" --scheme cloud --jobs 0 >/dev/null 2>&1
 check "--jobs 0 is a usage error" test $? -eq 2
 

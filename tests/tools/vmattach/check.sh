@@ -65,3 +65,45 @@ stop_server() {  # stop_server PID: stops one server start_server started and wa
 stop_servers() {  # stops every server still running, for the script's EXIT trap
   while [ "${#pids[@]}" -gt 0 ]; do stop_server "${pids[0]}"; done
 }
+
+# setup_work: makes $work, a fresh folder for the script, and $TMPDIR below it (exported,
+# so that the tool's work and download folders are where the script can look at them);
+# on exit every server still running is stopped and $work removed.
+setup_work() {
+  work=$(mktemp -d)
+  export TMPDIR="$work/tmp"
+  mkdir -p "$TMPDIR"
+  trap cleanup_work EXIT
+}
+
+cleanup_work() {  # the EXIT trap of setup_work
+  stop_servers
+  wait 2>/dev/null
+  rm -rf "$work"
+}
+
+# start_cloud_service [ARGS...]: starts $vmcloudd on a free loopback port with its data in
+# $work/service, the token "sekrit" and ARGS, its output in $work/service.log; sets $port
+# and $server_pid as start_server does.
+start_cloud_service() {
+  start_server "$work/service.log" "$vmcloudd" --listen 127.0.0.1:0 --data "$work/service" \
+    --token sekrit "$@"
+}
+
+# start_proxied_cloud_service PROXY_ARGS...: starts throttle_proxy.js (beside this file)
+# with $work/target and PROXY_ARGS (its rate, count, down-rate and cut files), then
+# vmcloudd as start_cloud_service does, with blob URLs that lead through the proxy; the web
+# API is reached directly. Sets $port and $server_pid to vmcloudd's.
+start_proxied_cloud_service() {
+  start_server "$work/proxy.log" node "$(dirname "${BASH_SOURCE[0]}")/throttle_proxy.js" \
+    "$work/target" "$@"
+  start_cloud_service --public-url "http://127.0.0.1:$port"
+  echo "127.0.0.1:$port" >"$work/target"
+}
+
+va() { "$vmattach" --data-dir "$work/data" "$@"; }  # va ARGS...: vmattach on $work/data
+
+# json EXPR: prints a value of the JSON on stdin, e.g. json '["id"]' or json '[0]["type"]'.
+json() {
+  node -e "let s='';process.stdin.on('data',d=>s+=d).on('end',()=>console.log(String(JSON.parse(s)$1)))"
+}

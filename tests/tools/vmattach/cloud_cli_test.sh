@@ -4,10 +4,9 @@
 set -u
 vmattach=$1
 vmcloudd=$2
-work=$(mktemp -d)
 source "$(dirname "$0")/check.sh"
-trap 'stop_servers; rm -rf "$work"' EXIT
-start_server "$work/service.log" "$vmcloudd" --listen 127.0.0.1:0 --data "$work/service" --token sekrit
+setup_work
+start_cloud_service
 api=(--api "http://127.0.0.1:$port" --token sekrit)
 head -c 200000 /dev/urandom >"$work/file"
 

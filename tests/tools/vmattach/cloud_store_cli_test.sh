@@ -12,16 +12,7 @@ vmcloudd=$2
 mode=${3:-embedded}
 here=$(cd "$(dirname "$0")" && pwd)
 source "$here/check.sh"
-work=$(mktemp -d)
-# The scheme's work and download folders go where the test can look at them.
-export TMPDIR="$work/tmp"
-mkdir -p "$TMPDIR"
-cleanup() {
-  stop_servers
-  wait 2>/dev/null
-  rm -rf "$work"
-}
-trap cleanup EXIT
+setup_work
 
 service=("$vmcloudd")
 service_args=(--data "$work/service" --token sekrit)
@@ -52,11 +43,6 @@ if [ "$mode" = s3 ]; then
     test -z "$(grep -- '--s3-secret' "$work/vmcloudd.log")"
 fi
 
-va() { "$vmattach" --data-dir "$work/data" "$@"; }
-# json EXPR: prints a value of the JSON on stdin, e.g. json '["id"]' or json '[0]["type"]'.
-json() {
-  node -e "let s='';process.stdin.on('data',d=>s+=d).on('end',()=>console.log(String(JSON.parse(s)$1)))"
-}
 va scheme add cloud --type cloud --api "http://127.0.0.1:$service_port" --token sekrit >/dev/null
 
 # Round trips: a file, an empty file and a folder tree with nested folders, an empty file

@@ -9,30 +9,14 @@
 set -u
 vmattach=$1
 vmcloudd=$2
-here=$(cd "$(dirname "$0")" && pwd)
-source "$here/check.sh"
-work=$(mktemp -d)
-export TMPDIR="$work/tmp"
-mkdir -p "$TMPDIR" "$work/storage"
-cleanup() {
-  stop_servers
-  wait 2>/dev/null
-  rm -rf "$work"
-}
-trap cleanup EXIT
+source "$(dirname "$0")/check.sh"
+setup_work
+mkdir -p "$work/storage"
 
 echo 0 >"$work/rate"
 echo 0 >"$work/down"
-start_server "$work/proxy.log" node "$here/throttle_proxy.js" "$work/target" "$work/rate" \
-  "$work/forwarded" "$work/down"
-start_server "$work/vmcloudd.log" "$vmcloudd" --listen 127.0.0.1:0 --data "$work/service" \
-  --token sekrit --public-url "http://127.0.0.1:$port"
-echo "127.0.0.1:$port" >"$work/target"
+start_proxied_cloud_service "$work/rate" "$work/forwarded" "$work/down"
 
-va() { "$vmattach" --data-dir "$work/data" "$@"; }
-json() {
-  node -e "let s='';process.stdin.on('data',d=>s+=d).on('end',()=>console.log(String(JSON.parse(s)$1)))"
-}
 va scheme add cloud --type cloud --api "http://127.0.0.1:$port" --token sekrit >/dev/null
 va scheme add arch --type archiver --folder "$work/storage" >/dev/null
 va scheme add refs --type reference >/dev/null

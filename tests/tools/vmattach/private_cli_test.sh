@@ -4,14 +4,9 @@
 set -u
 vmattach=$1
 vmcloudd=$2
-work=$(mktemp -d)
 source "$(dirname "$0")/check.sh"
-trap 'stop_servers; wait 2>/dev/null; rm -rf "$work"' EXIT
-
-start_service() {  # starts vmcloudd on $work/service and sets $port, or fails the script
-  start_server "$work/service.log" "$vmcloudd" --listen 127.0.0.1:0 --data "$work/service" \
-    --token sekrit
-}
+setup_work
+start_service() { start_cloud_service; }
 stop_service() { stop_servers; }
 
 # The service's data folder and records are its owner's alone, and tightened when found

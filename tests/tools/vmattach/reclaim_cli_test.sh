@@ -8,27 +8,14 @@
 set -u
 vmattach=$1
 vmcloudd=$2
-here=$(cd "$(dirname "$0")" && pwd)
-source "$here/check.sh"
-work=$(mktemp -d)
-export TMPDIR="$work/tmp"
-mkdir -p "$TMPDIR" "$work/in" "$work/out"
-cleanup() {
-  stop_servers
-  wait 2>/dev/null
-  rm -rf "$work"
-}
-trap cleanup EXIT
+source "$(dirname "$0")/check.sh"
+setup_work
+mkdir -p "$work/in" "$work/out"
 
 echo 0 >"$work/up"
 echo 0 >"$work/down"
-start_server "$work/proxy.log" node "$here/throttle_proxy.js" "$work/target" "$work/up" \
-  "$work/forwarded" "$work/down"
-start_server "$work/vmcloudd.log" "$vmcloudd" --listen 127.0.0.1:0 --data "$work/service" \
-  --token sekrit --public-url "http://127.0.0.1:$port"
-echo "127.0.0.1:$port" >"$work/target"
+start_proxied_cloud_service "$work/up" "$work/forwarded" "$work/down"
 
-va() { "$vmattach" --data-dir "$work/data" "$@"; }
 id_of() { sed -n 's/.*"id": \([0-9]*\).*/\1/p' | head -1; }
 va scheme add cloud --type cloud --api "http://127.0.0.1:$port" --token sekrit >/dev/null
 # Large enough that encrypting and decrypting take a moment to catch.

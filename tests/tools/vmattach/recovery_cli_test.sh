@@ -5,11 +5,10 @@
 set -u
 vmattach=$1
 vmcloudd=$2
-work=$(mktemp -d)
 debug=${RECOVERY_DEBUG_DIR:-}
 source "$(dirname "$0")/check.sh"
+setup_work
 stop_service() { stop_servers; }
-trap 'stop_servers; rm -rf "$work"' EXIT
 
 start_service() {  # start_service PORT: 0 picks a free port; sets $port
   start_server "$work/service.log" "$vmcloudd" --listen "127.0.0.1:$1" --data "$work/service" \

@@ -8,15 +8,10 @@
 set -u
 vmattach=$1
 vmcloudd=$2
-here=$(cd "$(dirname "$0")" && pwd)
-source "$here/check.sh"
-work=$(mktemp -d)
-export TMPDIR="$work/tmp"
-mkdir -p "$TMPDIR"
-trap 'stop_servers; rm -rf "$work"' EXIT
-start_server "$work/service.log" "$vmcloudd" --listen 127.0.0.1:0 --data "$work/service" --token sekrit
+source "$(dirname "$0")/check.sh"
+setup_work
+start_cloud_service
 
-va() { "$vmattach" --data-dir "$work/data" "$@"; }
 # status_of ID: the status verify --json gave that id (in $work/out).
 status_of() {
   node -e "const r=JSON.parse(require('fs').readFileSync('$work/out'));
@@ -56,7 +51,7 @@ check "a shallow verify exits 0" test $? -eq 0
 check "verify wrote nothing in the temporary folder or the cache" test "$before" = "$(snapshot)"
 
 # A flipped byte in the service's blob: that attachment alone is corrupt.
-uuid=$(va show "$cloud_tree" --json | node -e "let s='';process.stdin.on('data',d=>s+=d).on('end',()=>console.log(JSON.parse(s).uuid))")
+uuid=$(va show "$cloud_tree" --json | json .uuid)
 blob=$(find "$work/service/blobs" -type f -iname "$uuid*" | head -1)
 byte=$(od -An -tu1 -j20 -N1 "$blob" | tr -d ' ')
 printf "\\$(printf '%03o' $((255 - byte)))" | dd of="$blob" bs=1 seek=20 conv=notrunc status=none
@@ -68,7 +63,7 @@ va verify "$cloud_tree" --json >"$work/out"
 check "a shallow verify does not read the bytes" test "$(status_of "$cloud_tree")" = ok
 
 # A removed storage-folder file is missing; a row that leads out of the folder is refused.
-rm "$work/storage/$(va show "$arch_file" --json | node -e "let s='';process.stdin.on('data',d=>s+=d).on('end',()=>console.log(JSON.parse(s).attachmentPath))")"
+rm "$work/storage/$(va show "$arch_file" --json | json .attachmentPath)"
 echo secret >"$work/outside.txt"
 sqlite3 "$work/data/attachments.sqlite" \
   "UPDATE attachments SET attachmentPath='../outside.txt' WHERE _rowid=$arch_other"
