@@ -107,3 +107,21 @@ va() { "$vmattach" --data-dir "$work/data" "$@"; }  # va ARGS...: vmattach on $w
 json() {
   node -e "let s='';process.stdin.on('data',d=>s+=d).on('end',()=>console.log(String(JSON.parse(s)$1)))"
 }
+
+# kill_once CONDITION PID TRIES: runs CONDITION (a command without arguments) every 0.05 s,
+# at most TRIES times, while process PID runs, then kills PID with SIGKILL and waits for it.
+# Returns 0 when CONDITION held while PID still ran.
+kill_once() {
+  local condition=$1 pid=$2 tries=$3 held=1
+  for _ in $(seq "$tries"); do
+    if "$condition"; then
+      held=0
+      break
+    fi
+    kill -0 "$pid" 2>/dev/null || break
+    sleep 0.05
+  done
+  kill -KILL "$pid" 2>/dev/null
+  wait "$pid" 2>/dev/null
+  return $held
+}

@@ -110,19 +110,8 @@ if [ "$mode" = embedded ]; then
   before=$(cat "$work/forwarded")
   # vmattach itself, not a shell running it, so that the kill reaches the process.
   "$vmattach" --data-dir "$work/data" store "$work/in/big.bin" --scheme cloud >/dev/null 2>&1 &
-  store_pid=$!
-  putting=false
-  for _ in $(seq 2400); do
-    if [ "$(cat "$work/forwarded")" -gt $((before + 300000)) ]; then
-      putting=true
-      break
-    fi
-    kill -0 "$store_pid" 2>/dev/null || break
-    sleep 0.05
-  done
-  check "the upload's PUT runs through the proxy" $putting
-  kill -KILL "$store_pid"
-  wait "$store_pid" 2>/dev/null
+  putting() { [ "$(cat "$work/forwarded")" -gt $((before + 300000)) ]; }
+  check "the upload's PUT runs through the proxy" kill_once putting $! 2400
   listed=$(va transfers --json)
   check "the killed upload is listed" test "$(json '[0]["type"]' <<<"$listed")" = upload
   check "with its file and size" test "$(json '[0]["size"]' <<<"$listed")" -gt 3000000

@@ -101,19 +101,10 @@ check "no staging row or work file is left" \
 va migrate "$big" --to cloud >/dev/null
 echo 100000 >"$work/down"
 "$vmattach" --data-dir "$work/data" migrate "$big" --to arch >/dev/null 2>&1 &
-pid=$!
-downloading=false
-for _ in $(seq 1200); do
-  if [ "$(sqlite3 "$work/data/attachments.sqlite" 'SELECT count(*) FROM transfers WHERE operationType = 1' 2>/dev/null)" = 1 ]; then
-    downloading=true
-    break
-  fi
-  kill -0 "$pid" 2>/dev/null || break
-  sleep 0.05
-done
-check "killed while downloading" $downloading
-kill -KILL "$pid"
-wait "$pid" 2>/dev/null
+downloading() {
+  [ "$(sqlite3 "$work/data/attachments.sqlite" 'SELECT count(*) FROM transfers WHERE operationType = 1' 2>/dev/null)" = 1 ]
+}
+check "killed while downloading" kill_once downloading $! 1200
 echo 0 >"$work/down"
 check "after a kill in the retrieval, still on the cloud" test "$(scheme_of "$big")" = cloud
 check "and retrievable" retrievable "$big" "$note" "$tree"
@@ -125,19 +116,8 @@ check "one copy of each" test "$(stored) $(blobs)" = "2 1"
 echo 100000 >"$work/rate"
 before=$(cat "$work/forwarded")
 "$vmattach" --data-dir "$work/data" migrate "$big" --to cloud >/dev/null 2>&1 &
-pid=$!
-uploading=false
-for _ in $(seq 1200); do
-  if [ "$(cat "$work/forwarded")" -gt $((before + 300000)) ]; then
-    uploading=true
-    break
-  fi
-  kill -0 "$pid" 2>/dev/null || break
-  sleep 0.05
-done
-check "killed while uploading" $uploading
-kill -KILL "$pid"
-wait "$pid" 2>/dev/null
+uploading() { [ "$(cat "$work/forwarded")" -gt $((before + 300000)) ]; }
+check "killed while uploading" kill_once uploading $! 1200
 echo 0 >"$work/rate"
 check "after a kill in the upload, still in the storage folder" test "$(scheme_of "$big")" = arch
 check "and retrievable" retrievable "$big" "$note" "$tree"
@@ -176,14 +156,7 @@ check "all retrievable at the end" retrievable "$big" "$note" "$tree"
 echo 100000 >"$work/rate"
 before=$(cat "$work/forwarded")
 "$vmattach" --data-dir "$work/data" store "$work/in/big.bin" --scheme cloud >/dev/null 2>&1 &
-pid=$!
-for _ in $(seq 1200); do
-  [ "$(cat "$work/forwarded")" -gt $((before + 300000)) ] && break
-  kill -0 "$pid" 2>/dev/null || break
-  sleep 0.05
-done
-kill -KILL "$pid"
-wait "$pid" 2>/dev/null
+kill_once uploading $! 1200
 echo 0 >"$work/rate"
 pending=$(va transfers --json | json '[0]["id"]')
 va migrate "$pending" --to arch --json >"$work/out.json"
