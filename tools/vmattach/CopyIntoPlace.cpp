@@ -115,8 +115,9 @@ std::error_code CopyTree(const fs::path& from, const fs::path& to) {
 
 // Renames the finished copy `partial` to `to`. An existing `to` is refused (EEXIST), or
 // with `replace` swapped out and removed once the copy is in place. The folder's new
-// entry is flushed.
-bool PutInPlace(const fs::path& partial, const fs::path& to, bool replace, ErrorRef* error) {
+// entry is flushed when `flush_name`.
+bool PutInPlace(const fs::path& partial, const fs::path& to, bool replace, bool flush_name,
+                ErrorRef* error) {
   std::error_code ignored;
   if (replace &&
       ::renameat2(AT_FDCWD, partial.c_str(), AT_FDCWD, to.c_str(), RENAME_EXCHANGE) == 0) {
@@ -127,8 +128,36 @@ bool PutInPlace(const fs::path& partial, const fs::path& to, bool replace, Error
     fs::remove_all(partial, ignored);
     return Fail(error, PosixError(failure, to));
   }
-  SyncFolder(to.parent_path().empty() ? fs::path(".") : to.parent_path());
+  if (flush_name) SyncFolder(to.parent_path().empty() ? fs::path(".") : to.parent_path());
   return true;
+}
+
+// `shared_folder`: `to`'s folder may hold the partial copies of other writers, and the
+// new name must be on the disk when this returns.
+bool Copy(const fs::path& from, const fs::path& to, bool replace, bool shared_folder,
+          ErrorRef* error) {
+  const fs::path partial = PartialPathFor(to);
+  if (shared_folder) {
+    ReclaimAbandonedPartials(to.parent_path().empty() ? fs::path(".") : to.parent_path());
+  }
+  if (!RemoveIfAbandoned(partial)) return Fail(error, PosixError(EBUSY, partial));
+  struct stat info {};
+  if (::lstat(from.c_str(), &info) != 0) return Fail(error, PosixError(errno, from));
+  if (!S_ISDIR(info.st_mode) && !S_ISREG(info.st_mode)) {
+    return Fail(error, PosixError(ENOTSUP, from));
+  }
+  // Held until the copy has its name, so no reclaimer takes it for abandoned.
+  OwnerLock lock = S_ISDIR(info.st_mode) ? OwnerLock::CreateFolder(partial, error)
+                                         : OwnerLock::CreateFile(partial, 0600, error);
+  if (!lock.held()) return false;
+  const std::error_code ec =
+      S_ISDIR(info.st_mode) ? CopyTree(from, partial) : CopyFile(from, lock.fd());
+  if (ec) {
+    std::error_code ignored;
+    fs::remove_all(partial, ignored);
+    return Fail(error, PosixError(ec, to));
+  }
+  return PutInPlace(partial, to, replace, shared_folder, error);
 }
 
 }  // namespace
@@ -158,26 +187,11 @@ void ReclaimAbandonedPartials(const fs::path& folder) {
 }
 
 bool CopyIntoPlace(const fs::path& from, const fs::path& to, bool replace, ErrorRef* error) {
-  const fs::path partial = PartialPathFor(to);
-  ReclaimAbandonedPartials(to.parent_path().empty() ? fs::path(".") : to.parent_path());
-  if (!RemoveIfAbandoned(partial)) return Fail(error, PosixError(EBUSY, partial));
-  struct stat info {};
-  if (::lstat(from.c_str(), &info) != 0) return Fail(error, PosixError(errno, from));
-  if (!S_ISDIR(info.st_mode) && !S_ISREG(info.st_mode)) {
-    return Fail(error, PosixError(ENOTSUP, from));
-  }
-  // Held until the copy has its name, so no reclaimer takes it for abandoned.
-  OwnerLock lock = S_ISDIR(info.st_mode) ? OwnerLock::CreateFolder(partial, error)
-                                         : OwnerLock::CreateFile(partial, 0600, error);
-  if (!lock.held()) return false;
-  const std::error_code ec =
-      S_ISDIR(info.st_mode) ? CopyTree(from, partial) : CopyFile(from, lock.fd());
-  if (ec) {
-    std::error_code ignored;
-    fs::remove_all(partial, ignored);
-    return Fail(error, PosixError(ec, to));
-  }
-  return PutInPlace(partial, to, replace, error);
+  return Copy(from, to, replace, true, error);
+}
+
+bool CopyIntoOwnFolder(const fs::path& from, const fs::path& to, ErrorRef* error) {
+  return Copy(from, to, false, false, error);
 }
 
 }  // namespace vm::vmattach

@@ -27,6 +27,14 @@ namespace vm::vmattach {
 bool CopyIntoPlace(const std::filesystem::path& from, const std::filesystem::path& to, bool replace,
                    ErrorRef* error);
 
+// As CopyIntoPlace without `replace`, into a folder that this process owns alone while the
+// copy is made and that it moves the copy out of (a staging folder under its OwnerLock):
+// the copy is still whole on the disk before it takes `to`'s name, but that name is not
+// flushed (whoever moves the copy on decides where a name must last), and the folder is
+// not searched for other writers' abandoned partial copies.
+bool CopyIntoOwnFolder(const std::filesystem::path& from, const std::filesystem::path& to,
+                       ErrorRef* error);
+
 // The hidden name beside `to` under which CopyIntoPlace makes its copy.
 std::filesystem::path PartialPathFor(const std::filesystem::path& to);
 

@@ -561,7 +561,7 @@ bool StoreThroughTransfer(SqliteObjectContext& context,
     cache_copy = std::jthread([source, staging, name, &cache_problem] {
       ErrorRef copy_error;
       // The cache copy is opened later as the attachment itself, so it must be whole.
-      if (!CopyIntoPlace(source, staging / name, false, &copy_error)) {
+      if (!CopyIntoOwnFolder(source, staging / name, &copy_error)) {
         cache_problem = copy_error->localizedDescription();
       }
     });
@@ -942,7 +942,7 @@ void StoreManyThroughTransfer(SqliteObjectContext& context,
         upload.copy = std::jthread(
             [source = entry.source, staged = upload.staged, problem = &upload.cache_problem] {
               ErrorRef copy_error;
-              if (!CopyIntoPlace(source, staged, false, &copy_error)) {
+              if (!CopyIntoOwnFolder(source, staged, &copy_error)) {
                 *problem = copy_error->localizedDescription();
               }
             });
