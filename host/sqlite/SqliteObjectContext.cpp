@@ -462,8 +462,10 @@ bool SqliteObjectContext::saveChanges(ErrorRef* error) {
   for (std::string_view entity :
        {HXFileAttachmentScheme::kEntityName, HXFileAttachment::kEntityName, HXTask::kEntityName,
         HXEmail::kEntityName}) {
-    for (const auto& [key, record] : records_) {
-      if (key.first != entity) continue;
+    // The map is ordered by entity first: only this entity's records are looked at.
+    for (auto it = records_.lower_bound(std::pair<std::string, std::uint64_t>(entity, 0));
+         it != records_.end() && it->first.first == entity; ++it) {
+      const auto& [key, record] = *it;
       if (!record->hasChanges() && unsaved_inserts_.count(key) == 0) continue;
       if (!WriteRecordRow(*db_, *record, &failure)) break;
       written.push_back(record.get());
