@@ -13,10 +13,8 @@ namespace {
 // The service's own requests are signed for this long; they are sent at once.
 constexpr std::chrono::seconds kOwnRequestLifetime{300};
 constexpr long kRequestTimeoutSeconds = 30;
-
-struct EasyDeleter {
-  void operator()(CURL* handle) const { curl_easy_cleanup(handle); }
-};
+// Idle handles kept beyond this many are closed: about as many as requests run at once.
+constexpr std::size_t kMaxIdleHandles = 8;
 
 // A URL without its query string: presigned queries are credentials and stay out of
 // errors and logs.
@@ -30,35 +28,6 @@ ErrorRef StorageError(std::string_view action, std::string_view url, std::string
 }
 
 size_t DiscardBody(char*, size_t size, size_t count, void*) { return size * count; }
-
-// Sends one bodiless request; on success stores the HTTP status and the announced
-// Content-Length (-1 when none).
-bool Perform(std::string_view method, const std::string& url, long* status,
-             curl_off_t* content_length, ErrorRef* error) {
-  std::unique_ptr<CURL, EasyDeleter> handle(curl_easy_init());
-  if (!handle) return Fail(error, StorageError(method, url, "cannot create a curl handle"));
-  CURL* h = handle.get();
-  char message[CURL_ERROR_SIZE] = "";
-  curl_easy_setopt(h, CURLOPT_URL, url.c_str());
-  curl_easy_setopt(h, CURLOPT_ERRORBUFFER, message);
-  curl_easy_setopt(h, CURLOPT_NOSIGNAL, 1L);
-  curl_easy_setopt(h, CURLOPT_TIMEOUT, kRequestTimeoutSeconds);
-  curl_easy_setopt(h, CURLOPT_PROTOCOLS_STR, "http,https");
-  curl_easy_setopt(h, CURLOPT_WRITEFUNCTION, DiscardBody);
-  if (method == "HEAD") {
-    curl_easy_setopt(h, CURLOPT_NOBODY, 1L);
-  } else {
-    curl_easy_setopt(h, CURLOPT_CUSTOMREQUEST, std::string(method).c_str());
-  }
-  CURLcode code = curl_easy_perform(h);
-  if (code != CURLE_OK) {
-    return Fail(error, StorageError(method, url, message[0] ? message : curl_easy_strerror(code)));
-  }
-  curl_easy_getinfo(h, CURLINFO_RESPONSE_CODE, status);
-  *content_length = -1;
-  curl_easy_getinfo(h, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, content_length);
-  return true;
-}
 
 }  // namespace
 
@@ -75,6 +44,56 @@ std::unique_ptr<S3Storage> S3Storage::Create(const S3Settings& settings, Service
 S3Storage::S3Storage(SigV4Presigner presigner, ServiceClock clock)
     : presigner_(std::move(presigner)), clock_(std::move(clock)) {}
 
+void S3Storage::EasyDeleter::operator()(void* handle) const {
+  curl_easy_cleanup(static_cast<CURL*>(handle));
+}
+
+bool S3Storage::perform(std::string_view method, const std::string& url, long* status,
+                        std::int64_t* content_length, ErrorRef* error) const {
+  EasyHandle handle;
+  {
+    std::lock_guard lock(idle_mu_);
+    if (!idle_.empty()) {
+      handle = std::move(idle_.back());
+      idle_.pop_back();
+    }
+  }
+  if (handle) {
+    // Forgets the last request's options; its connection stays in the handle's cache.
+    curl_easy_reset(static_cast<CURL*>(handle.get()));
+  } else {
+    handle.reset(curl_easy_init());
+  }
+  if (!handle) return Fail(error, StorageError(method, url, "cannot create a curl handle"));
+  CURL* h = static_cast<CURL*>(handle.get());
+  char message[CURL_ERROR_SIZE] = "";
+  curl_easy_setopt(h, CURLOPT_URL, url.c_str());
+  curl_easy_setopt(h, CURLOPT_ERRORBUFFER, message);
+  curl_easy_setopt(h, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(h, CURLOPT_TIMEOUT, kRequestTimeoutSeconds);
+  curl_easy_setopt(h, CURLOPT_PROTOCOLS_STR, "http,https");
+  curl_easy_setopt(h, CURLOPT_WRITEFUNCTION, DiscardBody);
+  if (method == "HEAD") {
+    curl_easy_setopt(h, CURLOPT_NOBODY, 1L);
+  } else {
+    curl_easy_setopt(h, CURLOPT_CUSTOMREQUEST, std::string(method).c_str());
+  }
+  CURLcode code = curl_easy_perform(h);
+  // The buffer is this frame's: the handle must not point at it once back in the set.
+  curl_easy_setopt(h, CURLOPT_ERRORBUFFER, nullptr);
+  if (code != CURLE_OK) {
+    // A handle whose request failed is not kept: its connection may be in any state.
+    return Fail(error, StorageError(method, url, message[0] ? message : curl_easy_strerror(code)));
+  }
+  curl_easy_getinfo(h, CURLINFO_RESPONSE_CODE, status);
+  curl_off_t length = -1;
+  curl_easy_getinfo(h, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length);
+  *content_length = length;
+  std::lock_guard lock(idle_mu_);
+  if (idle_.size() < kMaxIdleHandles) idle_.push_back(std::move(handle));
+  return true;
+}
+
 std::string S3Storage::uploadURL(std::string_view key, std::chrono::seconds lifetime) const {
   return presigner_.presign("PUT", key, lifetime, clock_());
 }
@@ -86,8 +105,8 @@ std::string S3Storage::downloadURL(std::string_view key, std::chrono::seconds li
 bool S3Storage::statObject(std::string_view key, StoredObject* object, ErrorRef* error) const {
   std::string url = presigner_.presign("HEAD", key, kOwnRequestLifetime, clock_());
   long status = 0;
-  curl_off_t length = -1;
-  if (!Perform("HEAD", url, &status, &length, error)) return false;
+  std::int64_t length = -1;
+  if (!perform("HEAD", url, &status, &length, error)) return false;
   if (status == 404) {
     *object = StoredObject{};
     return true;
@@ -105,8 +124,8 @@ bool S3Storage::statObject(std::string_view key, StoredObject* object, ErrorRef*
 bool S3Storage::removeObject(std::string_view key, ErrorRef* error) const {
   std::string url = presigner_.presign("DELETE", key, kOwnRequestLifetime, clock_());
   long status = 0;
-  curl_off_t length = -1;
-  if (!Perform("DELETE", url, &status, &length, error)) return false;
+  std::int64_t length = -1;
+  if (!perform("DELETE", url, &status, &length, error)) return false;
   if ((status >= 200 && status <= 299) || status == 404) return true;
   return Fail(error, StorageError("DELETE", url, fmt::format("HTTP status {}", status)));
 }
@@ -114,8 +133,8 @@ bool S3Storage::removeObject(std::string_view key, ErrorRef* error) const {
 bool S3Storage::probe(ErrorRef* error) const {
   std::string url = presigner_.presignBucket("HEAD", kOwnRequestLifetime, clock_());
   long status = 0;
-  curl_off_t length = -1;
-  if (!Perform("HEAD", url, &status, &length, error)) return false;
+  std::int64_t length = -1;
+  if (!perform("HEAD", url, &status, &length, error)) return false;
   if (status >= 200 && status <= 299) return true;
   return Fail(error, StorageError("HEAD", url, fmt::format("HTTP status {}", status)));
 }
