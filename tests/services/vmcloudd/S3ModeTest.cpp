@@ -5,7 +5,9 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "services/vmcloudd/AttachmentService.h"
 #include "services/vmcloudd/S3Storage.h"
@@ -105,6 +107,39 @@ TEST_F(S3ModeTest, RoundTrip) {
   EXPECT_EQ(api.remove(uuid).status, 204);
   EXPECT_EQ(Send("GET", download).status, 404) << "the object is gone from the bucket";
   EXPECT_EQ(api.info(uuid).status, 404);
+}
+
+// Requests reuse each other's handles and connections: a HEAD after a DELETE on the same
+// storage must still be a HEAD with its own answer, from several threads at once.
+TEST_F(S3ModeTest, ReusedConnectionsKeepEachRequestApart) {
+  auto storage = S3Storage::Create(
+      settings_, [] { return std::chrono::system_clock::now(); }, nullptr);
+  ASSERT_TRUE(storage);
+  // s3rver removes a folder left empty, racing with a concurrent PUT into it: one object
+  // stays in the bucket's folder throughout.
+  ASSERT_EQ(Send("PUT", storage->uploadURL("reuse-keep", std::chrono::seconds(60)), "1").status,
+            200);
+  std::vector<std::string> failures(4);
+  {
+    std::vector<std::jthread> threads;
+    for (std::size_t t = 0; t < failures.size(); ++t) {
+      threads.emplace_back([&storage, &failure = failures[t], t] {
+        for (int i = 0; i < 5 && failure.empty(); ++i) {
+          const std::string key = "reuse-" + std::to_string(t) + "-" + std::to_string(i);
+          const std::string bytes(10 * (t + 1) + i, 'x');
+          StoredObject object;
+          ErrorRef error;
+          if (Send("PUT", storage->uploadURL(key, std::chrono::seconds(60)), bytes).status != 200 ||
+              !storage->statObject(key, &object, &error) || !object.exists ||
+              object.size != bytes.size() || !storage->removeObject(key, &error) ||
+              !storage->statObject(key, &object, &error) || object.exists) {
+            failure = key + (error ? ": " + error->summary() : std::string(": wrong answer"));
+          }
+        }
+      });
+    }
+  }
+  for (const std::string& failure : failures) EXPECT_EQ(failure, "");
 }
 
 TEST_F(S3ModeTest, StorageFailuresAreReportedNotConfirmed) {
