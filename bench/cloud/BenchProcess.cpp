@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <random>
@@ -105,6 +106,51 @@ void MakeFile(const std::filesystem::path& path, std::size_t mib) {
     for (auto& c : chunk) c = static_cast<char>(random());
     file.write(chunk.data(), static_cast<std::streamsize>(chunk.size()));
   }
+}
+
+std::filesystem::path MakeWorkFolder(const std::string& prefix, const std::string& dir) {
+  std::string pattern = dir + "/" + prefix + "-XXXXXX";
+  if (::mkdtemp(pattern.data()) == nullptr) return {};
+  return pattern;
+}
+
+void RemoveWorkFolder(const std::filesystem::path& work) {
+  std::error_code ignored;
+  std::filesystem::remove_all(work, ignored);
+}
+
+Server StartCloudService(const std::string& vmcloudd, const std::filesystem::path& work,
+                         const std::string& token, const std::vector<std::string>& extra) {
+  std::vector<std::string> argv = {
+      vmcloudd, "--listen", "127.0.0.1:0", "--data", (work / "service").string(), "--token", token};
+  argv.insert(argv.end(), extra.begin(), extra.end());
+  Server service = StartServer(argv, work / "vmcloudd.log");
+  if (service.port == 0) std::fprintf(stderr, "vmcloudd did not start\n");
+  return service;
+}
+
+bool AddCloudScheme(const std::string& vmattach, const std::string& data, const std::string& api,
+                    const std::string& token) {
+  return Run({vmattach, "--data-dir", data, "scheme", "add", "cloud", "--type", "cloud", "--api",
+              api, "--token", token})
+             .status == 0;
+}
+
+std::string Spread::describe() const {
+  char text[96];
+  std::snprintf(text, sizeof(text), "median ratio %.3f (range %.3f to %.3f)", median, least,
+                greatest);
+  return text;
+}
+
+Spread SpreadOf(std::vector<double> ratios) {
+  std::sort(ratios.begin(), ratios.end());
+  const std::size_t n = ratios.size();
+  Spread spread;
+  spread.median = n % 2 == 1 ? ratios[n / 2] : (ratios[n / 2 - 1] + ratios[n / 2]) / 2;
+  spread.least = ratios.front();
+  spread.greatest = ratios.back();
+  return spread;
 }
 
 }  // namespace vm::bench

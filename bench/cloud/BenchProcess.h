@@ -46,6 +46,35 @@ void ParseSizeOptions(const std::vector<std::string>& args, SizeOptions* options
 // Writes `mib` MiB of reproducible pseudo-random bytes to `path`.
 void MakeFile(const std::filesystem::path& path, std::size_t mib);
 
+// A fresh folder for one run, `dir`/`prefix`-XXXXXX; empty when it could not be made.
+std::filesystem::path MakeWorkFolder(const std::string& prefix, const std::string& dir = "/tmp");
+
+// Removes the run's folder and everything in it, ignoring what cannot be removed.
+void RemoveWorkFolder(const std::filesystem::path& work);
+
+// Starts `vmcloudd` on a free loopback port with its data in work/service, accepting
+// `token`, with `extra` arguments after those; its output goes to work/vmcloudd.log. When
+// it did not start, says so on standard error and the port is 0.
+Server StartCloudService(const std::string& vmcloudd, const std::filesystem::path& work,
+                         const std::string& token, const std::vector<std::string>& extra = {});
+
+// Adds the scheme "cloud" of type cloud at `api` with `token` to the data folder `data`
+// with `vmattach`; false when that failed.
+bool AddCloudScheme(const std::string& vmattach, const std::string& data, const std::string& api,
+                    const std::string& token);
+
+// The median and the range of a benchmark's per-round ratios.
+struct Spread {
+  double median = 0;
+  double least = 0;
+  double greatest = 0;
+  // "median ratio M (range L to G)", each to three decimals.
+  std::string describe() const;
+};
+
+// The spread of `ratios`, which must not be empty.
+Spread SpreadOf(std::vector<double> ratios);
+
 }  // namespace vm::bench
 
 #endif  // VM_BENCH_CLOUD_BENCHPROCESS_H_

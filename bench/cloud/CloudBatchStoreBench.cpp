@@ -155,11 +155,7 @@ class Bench {
 
   bool store(int round_index, Round* round) {
     const std::string data = (work_ / fmt::format("data-{}", round_index)).string();
-    if (Run({VM_VMATTACH_PATH, "--data-dir", data, "scheme", "add", "cloud", "--type", "cloud",
-             "--api", api_, "--token", kToken})
-            .status != 0) {
-      return false;
-    }
+    if (!vm::bench::AddCloudScheme(VM_VMATTACH_PATH, data, api_, kToken)) return false;
     ::sync();
     Finished whole;
     if (options_.form == "single") {
@@ -211,9 +207,8 @@ class Bench {
 };
 
 int Drive(const Options& options) {
-  std::string pattern = options.dir + "/vm-cloud-batch-bench-XXXXXX";
-  if (::mkdtemp(pattern.data()) == nullptr) return 1;
-  const fs::path work = pattern;
+  const fs::path work = vm::bench::MakeWorkFolder("vm-cloud-batch-bench", options.dir);
+  if (work.empty()) return 1;
   fs::create_directories(work / "s3");
   // vmattach's work files go beside everything else the run writes.
   fs::create_directories(work / "tmp");
@@ -225,11 +220,10 @@ int Drive(const Options& options) {
                              work / "s3rver.log");
   vm::bench::Server service;
   if (s3.port != 0) {
-    service = vm::bench::StartServer(
-        {VM_VMCLOUDD_PATH, "--listen", "127.0.0.1:0", "--data", (work / "service").string(),
-         "--token", kToken, "--s3-endpoint", fmt::format("http://127.0.0.1:{}", s3.port),
-         "--s3-bucket", "vmbench", "--s3-access-key", kKey, "--s3-secret", kKey, "--s3-path-style"},
-        work / "vmcloudd.log");
+    service = vm::bench::StartCloudService(
+        VM_VMCLOUDD_PATH, work, kToken,
+        {"--s3-endpoint", fmt::format("http://127.0.0.1:{}", s3.port), "--s3-bucket", "vmbench",
+         "--s3-access-key", kKey, "--s3-secret", kKey, "--s3-path-style"});
   }
   int failures = 0;
   if (service.port == 0) {
@@ -262,19 +256,15 @@ int Drive(const Options& options) {
   }
   if (!ok) ++failures;
   if (!ratios.empty()) {
-    std::sort(ratios.begin(), ratios.end());
-    const std::size_t n = ratios.size();
-    const double median = n % 2 == 1 ? ratios[n / 2] : (ratios[n / 2 - 1] + ratios[n / 2]) / 2;
-    fmt::print("median ratio {:.3f} (range {:.3f} to {:.3f}), vmattach peak {:.1f} MiB\n", median,
-               ratios.front(), ratios.back(), peak / 1024.0);
+    fmt::print("{}, vmattach peak {:.1f} MiB\n", vm::bench::SpreadOf(ratios).describe(),
+               peak / 1024.0);
   }
   fmt::print(
       "ratio = vmattach store of every file (whole processes) / rclone copy of the folder "
       "(whole process) within a round; goal: median <= 1.2, aim 1.0\n");
   vm::bench::StopServer(&service);
   vm::bench::StopServer(&s3);
-  std::error_code ignored;
-  if (failures == 0) fs::remove_all(work, ignored);
+  if (failures == 0) vm::bench::RemoveWorkFolder(work);
   return failures == 0 ? 0 : 1;
 }
 

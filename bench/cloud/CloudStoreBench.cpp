@@ -189,25 +189,14 @@ bool MeasureParts(const std::string& self, const std::string& curl, int port, co
 
 int Drive(const std::string& self, const std::string& vmattach, const std::string& vmcloudd,
           const std::vector<std::size_t>& sizes, int rounds, const std::string& curl) {
-  char pattern[] = "/tmp/vm-cloud-store-bench-XXXXXX";
-  if (::mkdtemp(pattern) == nullptr) return 1;
-  const fs::path work = pattern;
+  const fs::path work = vm::bench::MakeWorkFolder("vm-cloud-store-bench");
+  if (work.empty()) return 1;
   fs::create_directories(work / "service");
-  vm::bench::Server service =
-      vm::bench::StartServer({vmcloudd, "--listen", "127.0.0.1:0", "--data",
-                              (work / "service").string(), "--token", kToken},
-                             work / "vmcloudd.log");
-  if (service.port == 0) {
-    fmt::print(stderr, "vmcloudd did not start\n");
-    return 1;
-  }
+  vm::bench::Server service = vm::bench::StartCloudService(vmcloudd, work, kToken);
+  if (service.port == 0) return 1;
   const std::string data = (work / "data").string();
   const std::string api = fmt::format("http://127.0.0.1:{}", service.port);
-  if (Run({vmattach, "--data-dir", data, "scheme", "add", "cloud", "--type", "cloud", "--api", api,
-           "--token", kToken})
-          .status != 0) {
-    return 1;
-  }
+  if (!vm::bench::AddCloudScheme(vmattach, data, api, kToken)) return 1;
 
   fmt::print("cloud store benchmark: vmattach store + retrieve against vmcloudd {}, {} rounds\n",
              api, rounds);
@@ -251,12 +240,8 @@ int Drive(const std::string& self, const std::string& vmattach, const std::strin
       std::fflush(stdout);
     }
     if (!ratios.empty()) {
-      std::sort(ratios.begin(), ratios.end());
-      const std::size_t n = ratios.size();
-      const double median = n % 2 == 1 ? ratios[n / 2] : (ratios[n / 2 - 1] + ratios[n / 2]) / 2;
-      fmt::print(
-          "{:>4} MiB median ratio {:.3f} (range {:.3f} to {:.3f}), vmattach peak {:.1f} MiB\n", mib,
-          median, ratios.front(), ratios.back(), peak / 1024.0);
+      fmt::print("{:>4} MiB {}, vmattach peak {:.1f} MiB\n", mib,
+                 vm::bench::SpreadOf(ratios).describe(), peak / 1024.0);
     }
     fs::remove(file);
   }
@@ -265,8 +250,7 @@ int Drive(const std::string& self, const std::string& vmattach, const std::strin
       "curl get) within a round; goal: median <= 1.2; peaks are resident high-water marks of the "
       "processes\n");
   vm::bench::StopServer(&service);
-  std::error_code ignored;
-  fs::remove_all(work, ignored);
+  vm::bench::RemoveWorkFolder(work);
   return failures == 0 ? 0 : 1;
 }
 

@@ -180,9 +180,8 @@ struct Best {
 
 int Drive(const std::string& self, const std::vector<std::size_t>& sizes, int rounds,
           const std::string& curl) {
-  char pattern[] = "/tmp/vm-cloud-bench-XXXXXX";
-  if (::mkdtemp(pattern) == nullptr) return 1;
-  fs::path work = pattern;
+  const fs::path work = vm::bench::MakeWorkFolder("vm-cloud-bench");
+  if (work.empty()) return 1;
   fs::create_directories(work / "service");
   fs::create_directories(work / "client");
 
@@ -256,8 +255,7 @@ int Drive(const std::string& self, const std::vector<std::size_t>& sizes, int ro
       "processes' resident high-water marks, curl's the larger of its PUT and GET\n");
   ::kill(service, SIGTERM);
   ::waitpid(service, nullptr, 0);
-  std::error_code ignored;
-  fs::remove_all(work, ignored);
+  vm::bench::RemoveWorkFolder(work);
   return failures == 0 ? 0 : 1;
 }
 

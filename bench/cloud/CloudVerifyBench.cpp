@@ -152,24 +152,13 @@ std::string DownloadURL(const std::string& vmattach, const std::string& data, in
 
 int Drive(const std::string& self, const std::string& vmattach, const std::string& vmcloudd,
           const vm::bench::SizeOptions& options) {
-  char pattern[] = "/tmp/vm-cloud-verify-bench-XXXXXX";
-  if (::mkdtemp(pattern) == nullptr) return 1;
-  const fs::path work = pattern;
-  vm::bench::Server service =
-      vm::bench::StartServer({vmcloudd, "--listen", "127.0.0.1:0", "--data",
-                              (work / "service").string(), "--token", kToken},
-                             work / "vmcloudd.log");
-  if (service.port == 0) {
-    fmt::print(stderr, "vmcloudd did not start\n");
-    return 1;
-  }
+  const fs::path work = vm::bench::MakeWorkFolder("vm-cloud-verify-bench");
+  if (work.empty()) return 1;
+  vm::bench::Server service = vm::bench::StartCloudService(vmcloudd, work, kToken);
+  if (service.port == 0) return 1;
   const std::string data = (work / "data").string();
   const std::string api = fmt::format("http://127.0.0.1:{}", service.port);
-  if (Run({vmattach, "--data-dir", data, "scheme", "add", "cloud", "--type", "cloud", "--api", api,
-           "--token", kToken})
-          .status != 0) {
-    return 1;
-  }
+  if (!vm::bench::AddCloudScheme(vmattach, data, api, kToken)) return 1;
   fmt::print("cloud verify benchmark: vmattach verify --deep against vmcloudd {}, {} rounds\n", api,
              options.rounds);
   fmt::print("{:>8} {:>5} {:>8} {:>8} {:>8} {:>7} {:>10}\n", "size", "round", "verify", "curl get",
@@ -212,15 +201,10 @@ int Drive(const std::string& self, const std::string& vmattach, const std::strin
     }
     if (!ok) ++failures;
     if (!ratios.empty()) {
-      std::sort(ratios.begin(), ratios.end());
-      const std::size_t n = ratios.size();
-      const double median = n % 2 == 1 ? ratios[n / 2] : (ratios[n / 2 - 1] + ratios[n / 2]) / 2;
       // The same process without the stream: what the peak holds beyond the program itself.
       Finished shallow = Run({vmattach, "--data-dir", data, "verify", id});
-      fmt::print(
-          "{:>4} MiB median ratio {:.3f} (range {:.3f} to {:.3f}), verify peak {:.1f} MiB "
-          "(shallow verify {:.1f} MiB)\n",
-          mib, median, ratios.front(), ratios.back(), peak / 1024.0, shallow.peak_kib / 1024.0);
+      fmt::print("{:>4} MiB {}, verify peak {:.1f} MiB (shallow verify {:.1f} MiB)\n", mib,
+                 vm::bench::SpreadOf(ratios).describe(), peak / 1024.0, shallow.peak_kib / 1024.0);
     }
     Run({vmattach, "--data-dir", data, "delete", id});
     fs::remove(copy);
@@ -230,8 +214,7 @@ int Drive(const std::string& self, const std::string& vmattach, const std::strin
       "SHA-1, decryption and SHA-1 over the same bytes) within a round; goal: median <= 1.1; "
       "peaks are resident high-water marks\n");
   vm::bench::StopServer(&service);
-  std::error_code ignored;
-  fs::remove_all(work, ignored);
+  vm::bench::RemoveWorkFolder(work);
   return failures == 0 ? 0 : 1;
 }
 
