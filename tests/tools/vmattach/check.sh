@@ -108,18 +108,19 @@ json() {
   node -e "let s='';process.stdin.on('data',d=>s+=d).on('end',()=>console.log(String(JSON.parse(s)$1)))"
 }
 
-# kill_once CONDITION PID TRIES: runs CONDITION (a command without arguments) every 0.05 s,
-# at most TRIES times, while process PID runs, then kills PID with SIGKILL and waits for it.
+# kill_once CONDITION PID TRIES [INTERVAL]: runs CONDITION (a command without arguments)
+# every INTERVAL seconds (0.05), at most TRIES times, while process PID runs, and kills PID
+# with SIGKILL as soon as it holds; kills it at the end in any case and waits for it.
 # Returns 0 when CONDITION held while PID still ran.
 kill_once() {
-  local condition=$1 pid=$2 tries=$3 held=1
+  local condition=$1 pid=$2 tries=$3 interval=${4:-0.05} held=1
   for _ in $(seq "$tries"); do
     if "$condition"; then
-      held=0
+      kill -KILL "$pid" 2>/dev/null && held=0
       break
     fi
     kill -0 "$pid" 2>/dev/null || break
-    sleep 0.05
+    sleep "$interval"
   done
   kill -KILL "$pid" 2>/dev/null
   wait "$pid" 2>/dev/null

@@ -26,22 +26,12 @@ echo small >"$work/in/small.txt"
 # kill_when PATTERN COMMAND...: runs vmattach COMMAND, kills it with SIGKILL as soon as a
 # path matching the glob PATTERN exists, and says whether it caught it there.
 kill_when() {
-  local pattern=$1
+  pattern=$1
   shift
   "$vmattach" --data-dir "$work/data" "$@" >/dev/null 2>&1 &
-  local pid=$! caught=1
-  for _ in $(seq 3000); do
-    if compgen -G "$pattern" >/dev/null; then
-      kill -KILL "$pid" 2>/dev/null && caught=0
-      break
-    fi
-    kill -0 "$pid" 2>/dev/null || break
-    sleep 0.01
-  done
-  kill -KILL "$pid" 2>/dev/null
-  wait "$pid" 2>/dev/null
-  return $caught
+  kill_once pattern_exists $! 3000 0.01
 }
+pattern_exists() { compgen -G "$pattern" >/dev/null; }
 # Whether no work file, partial download or partial cache copy is left: no file in the
 # temporary folder, no attachment's work folder below a database's, no folder named as
 # attachment $1 (a decryption's), nothing staged or set aside in the cache.
