@@ -62,6 +62,8 @@ OwnerLock OwnerLock::CreateFolder(const fs::path& path, ErrorRef* error) {
       return {};
     }
     ScopedFd fd(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    // Gone already: a reclaimer took it before it could be opened.
+    if (!fd.valid() && errno == ENOENT) continue;
     if (!fd.valid()) {
       const int failure = errno;
       ::rmdir(path.c_str());
@@ -81,6 +83,7 @@ OwnerLock OwnerLock::HoldFolder(const fs::path& path, ErrorRef* error) {
       return {};
     }
     ScopedFd fd(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!fd.valid() && errno == ENOENT) continue;
     struct stat info {};
     if (!fd.valid() || ::fstat(fd.get(), &info) != 0) {
       Fail(error, PosixError(errno, path));

@@ -90,6 +90,11 @@ bool MakePrivateFolders(const fs::path& base, const fs::path& below, ErrorRef* e
   return true;
 }
 
+// Tries so many times to make a store's work folder that other processes' reclaiming
+// does not pull its parent from under it; each try loses only to a reclaimer acting in
+// the instant between making the parent and making the work folder.
+constexpr int kWorkFolderAttempts = 5;
+
 // An empty file at `path`, truncated when it exists.
 bool MakeEmptyFile(const fs::path& path) {
   int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600);
@@ -140,10 +145,19 @@ bool VMCAttachment::storeFile(const fs::path& file, const std::string& /*at_path
   const fs::path work_folder = temporary / below;
 
   // Held while this call writes there, so that no host reclaims the folder as abandoned.
+  // The database's folder is shared and owned by nobody: another process's reclaiming may
+  // remove it in the moment it is empty, between making it and making the work folder in
+  // it, so both are made again then; a held work folder keeps it.
   OwnerLock work_lock;
   auto prepare_work_folder = [&] {
-    if (folder_error || !MakePrivateFolders(temporary, below, &folder_error)) return false;
-    if (!work_lock.held()) work_lock = OwnerLock::HoldFolder(work_folder, &folder_error);
+    if (work_lock.held()) return true;
+    if (folder_error) return false;
+    for (int attempt = 0; attempt < kWorkFolderAttempts && !work_lock.held(); ++attempt) {
+      folder_error = nullptr;
+      if (MakePrivateFolders(temporary, below, &folder_error)) {
+        work_lock = OwnerLock::HoldFolder(work_folder, &folder_error);
+      }
+    }
     return work_lock.held();
   };
 

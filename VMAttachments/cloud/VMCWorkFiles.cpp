@@ -1,5 +1,7 @@
 #include "VMAttachments/cloud/VMCWorkFiles.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -7,6 +9,7 @@
 
 #include "platform/OwnerLock.h"
 #include "platform/SafeNames.h"
+#include "platform/ScopedFd.h"
 #include "platform/URLSession.h"
 #include "platform/UniqueID.h"
 
@@ -36,6 +39,24 @@ bool HoldsOnlyDecryptionWork(const fs::path& folder) {
     if (name != kCryptFileName && name != kTrialDecryptionFileName) return false;
   }
   return !ec;
+}
+
+// Removes the decryption folder `folder` unless a live process holds its lock: the work
+// file it may hold, then the folder itself only while it is empty (rmdir). Never a whole
+// tree: a folder named by a UUID may also be a database's, in which a store is making its
+// work folder right now, and that one must stay (the store makes the parent again).
+void RemoveDecryptionFolderIfAbandoned(const fs::path& folder) {
+  ScopedFd fd(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!fd.valid() || ::flock(fd.get(), LOCK_EX | LOCK_NB) != 0) return;
+  struct stat held {
+  }, named{};
+  if (::fstat(fd.get(), &held) != 0 || ::lstat(folder.c_str(), &named) != 0 ||
+      held.st_dev != named.st_dev || held.st_ino != named.st_ino) {
+    return;
+  }
+  ::unlinkat(fd.get(), kCryptFileName, 0);
+  ::unlinkat(fd.get(), kTrialDecryptionFileName, 0);
+  ::rmdir(folder.c_str());
 }
 
 void ReclaimPartialDownloads(const fs::path& folder, int depth) {
@@ -70,7 +91,7 @@ void ReclaimAbandonedWorkFiles(const std::string& database_uuid) {
       RemoveIfAbandoned(entry.path());
     } else if (ParseUUID(name) && IsOwnFolder(entry.path()) &&
                HoldsOnlyDecryptionWork(entry.path())) {
-      RemoveIfAbandoned(entry.path());
+      RemoveDecryptionFolderIfAbandoned(entry.path());
     }
   }
   if (IsOwnFolder(temporary / kDownloadFolderName)) {

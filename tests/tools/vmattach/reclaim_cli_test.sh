@@ -89,4 +89,46 @@ echo "127.0.0.1:$port" >"$work/target"
 check "the next recover succeeds" va recover >/dev/null
 check "and reclaims the trial copy" nothing_left
 
+# Several processes at once on one data folder, each reclaiming at start what others
+# abandoned: none may take what another one is still writing (a store's work folder or
+# the database's folder it is made in, a decryption folder, a staged cache copy).
+mkdir -p "$work/many" "$work/many-out"
+rounds=6 writers=8
+# run_together OUTPUT COMMAND...: runs each line of stdin as arguments of vmattach, $writers
+# at a time; each process's stdout and stderr go to OUTPUT.N. Fails when any did.
+run_together() {
+  local out=$1 n=0 pids=() failed=0 line p
+  while read -r line; do
+    # shellcheck disable=SC2086
+    va $line >"$out.$n" 2>&1 &
+    pids+=($!)
+    n=$((n + 1))
+    if [ "${#pids[@]}" -eq "$writers" ]; then
+      for p in "${pids[@]}"; do wait "$p" || failed=1; done
+      pids=()
+    fi
+  done
+  for p in "${pids[@]}"; do wait "$p" || failed=1; done
+  return $failed
+}
+for i in $(seq $((rounds * writers))); do head -c 20000 /dev/urandom >"$work/many/f$i.bin"; done
+check "concurrent stores on one data folder all succeed" run_together "$work/store-out" < <(
+  for i in $(seq $((rounds * writers))); do echo "store $work/many/f$i.bin --scheme cloud"; done)
+check "and say nothing on stderr" test -z "$(grep -hv '^[0-9]' "$work"/store-out.*)"
+ids=$(va list --json | node -e "let s='';process.stdin.on('data',d=>s+=d).on('end',()=>
+  console.log(JSON.parse(s).filter(r=>/^f[0-9]+\.bin$/.test(r.name)).map(r=>r.id).join(' ')))")
+check "and all are stored" test "$(echo $ids | wc -w)" -eq $((rounds * writers))
+# shellcheck disable=SC2086
+check "and verify all ok" va verify $ids >/dev/null
+# Without cached copies, each retrieval downloads and decrypts in a folder of its own.
+rm -rf "$work/data/cache"
+check "concurrent retrievals all succeed" run_together "$work/retrieve-out" < <(
+  for id in $ids; do echo "retrieve $id --to $work/many-out/$id"; done)
+same=0
+for i in $(seq $((rounds * writers))); do
+  cmp -s "$work/many/f$i.bin" "$(find "$work/many-out" -name "f$i.bin")" && same=$((same + 1))
+done
+check "and give the same bytes" test "$same" -eq $((rounds * writers))
+check "and leave nothing behind" nothing_left
+
 finish "vmattach reclaiming"
