@@ -94,29 +94,32 @@ check "and reclaims the trial copy" nothing_left
 # the database's folder it is made in, a decryption folder, a staged cache copy).
 mkdir -p "$work/many" "$work/many-out"
 rounds=6 writers=8
-# run_together OUTPUT COMMAND...: runs each line of stdin as arguments of vmattach, $writers
-# at a time; each process's stdout and stderr go to OUTPUT.N. Fails when any did.
+# run_together OUTPUT: runs each line of stdin as arguments of vmattach, $writers at a
+# time; each process's stdout and stderr go to OUTPUT.N. Fails, showing what the failed
+# ones said, when any did.
 run_together() {
-  local out=$1 n=0 pids=() failed=0 line p
+  local out=$1 n=0 failed=0 line pids=() names=()
   while read -r line; do
     # shellcheck disable=SC2086
     va $line >"$out.$n" 2>&1 &
-    pids+=($!)
-    n=$((n + 1))
-    if [ "${#pids[@]}" -eq "$writers" ]; then
-      for p in "${pids[@]}"; do wait "$p" || failed=1; done
-      pids=()
-    fi
+    pids+=($!) names+=("$out.$n") n=$((n + 1))
+    [ "${#pids[@]}" -lt "$writers" ] || reap_together
   done
-  for p in "${pids[@]}"; do wait "$p" || failed=1; done
+  reap_together
   return $failed
+}
+reap_together() {  # waits for run_together's processes, in its variables
+  local i
+  for i in "${!pids[@]}"; do
+    wait "${pids[$i]}" || { failed=1 && echo "FAILED: $(cat "${names[$i]}")"; }
+  done
+  pids=() names=()
 }
 for i in $(seq $((rounds * writers))); do head -c 20000 /dev/urandom >"$work/many/f$i.bin"; done
 check "concurrent stores on one data folder all succeed" run_together "$work/store-out" < <(
   for i in $(seq $((rounds * writers))); do echo "store $work/many/f$i.bin --scheme cloud"; done)
 check "and say nothing on stderr" test -z "$(grep -hv '^[0-9]' "$work"/store-out.*)"
-ids=$(va list --json | node -e "let s='';process.stdin.on('data',d=>s+=d).on('end',()=>
-  console.log(JSON.parse(s).filter(r=>/^f[0-9]+\.bin$/.test(r.name)).map(r=>r.id).join(' ')))")
+ids=$(va list --json | json ".filter(r=>/^f[0-9]+\.bin$/.test(r.name)).map(r=>r.id).join(' ')")
 check "and all are stored" test "$(echo $ids | wc -w)" -eq $((rounds * writers))
 # shellcheck disable=SC2086
 check "and verify all ok" va verify $ids >/dev/null
