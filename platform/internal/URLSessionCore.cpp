@@ -25,6 +25,9 @@ using url_internal::URLError;
 constexpr long kReceiveBufferSize = 512 * 1024;
 constexpr long kUploadBufferSize = 512 * 1024;
 constexpr long kMaxRedirects = 16;
+// How many download files are made in one folder before it is given up, each lost only
+// to a reclaimer acting between making the file and locking it.
+constexpr int kDownloadFileAttempts = 5;
 
 void EnsureCurlInitialised() {
   static std::once_flag once;
@@ -306,21 +309,27 @@ ErrorRef URLSession::Core::configure(URLSessionTask& task,
         folders.push_back(std::filesystem::temp_directory_path(ignored));
         int saved_errno = ENOENT;
         for (const auto& folder : folders) {
-          std::string pattern =
-              (folder / (std::string(kURLSessionDownloadPrefix) + "XXXXXX")).string();
-          int fd = ::mkostemp(pattern.data(), O_CLOEXEC);
-          // Owned from the start, so that no other process takes it for abandoned.
-          if (fd >= 0 && !LockAsOwner(fd, pattern)) {
-            ::close(fd);
-            fd = -1;
-            errno = EAGAIN;
+          // Another process's reclaiming may take the new file in the instant before its
+          // lock is held (LockAsOwner says so): then another is made, a few times over.
+          for (int attempt = 0; attempt < kDownloadFileAttempts && transfer.fd < 0; ++attempt) {
+            std::string pattern =
+                (folder / (std::string(kURLSessionDownloadPrefix) + "XXXXXX")).string();
+            int fd = ::mkostemp(pattern.data(), O_CLOEXEC);
+            // Owned from the start, so that no other process takes it for abandoned.
+            if (fd >= 0 && !LockAsOwner(fd, pattern)) {
+              ::close(fd);
+              fd = -1;
+              errno = EAGAIN;
+            }
+            if (fd >= 0) {
+              transfer.fd = fd;
+              transfer.temporary = pattern;
+              break;
+            }
+            saved_errno = errno;
+            if (saved_errno != EAGAIN) break;
           }
-          if (fd >= 0) {
-            transfer.fd = fd;
-            transfer.temporary = pattern;
-            break;
-          }
-          saved_errno = errno;
+          if (transfer.fd >= 0) break;
         }
         if (transfer.fd < 0) {
           return URLError(kURLErrorCannotCreateFile, "The file couldn't be created.", transfer.url,
